@@ -1,0 +1,180 @@
+#include "classes/os/operating_system.h"
+
+#include <fcntl.h>
+#include <linux/netlink.h>
+#include <linux/sock_diag.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+
+#include "thread_sleep.h"
+
+namespace {
+
+constexpr int kUeventReceiveBuffer = 16 * 1024 * 1024; // bytes; the kernel doubles it for its own bookkeeping
+
+void sleepFor(timespec left) {
+    while (nanosleep(&left, &left) == -1 && errno == EINTR) {
+    }
+}
+
+// Signals stay blocked in every thread but the main one; a thread inherits the mask it is made under.
+class SignalsBlocked {
+public:
+    SignalsBlocked() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &_before);
+    }
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &_before, nullptr); }
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+private:
+    sigset_t _before;
+};
+
+} // namespace
+
+OperatingSystem& OperatingSystem::host() {
+    // Never destroyed: threads may still be on their way out when main has returned.
+    static OperatingSystem* const system = new OperatingSystem;
+    return *system;
+}
+
+std::time_t OperatingSystem::time() { return ::time(nullptr); }
+
+void OperatingSystem::sleep(ThreadSleep& sleeper, long nanoseconds) { sleeper.sleep(nanoseconds); }
+
+void OperatingSystem::sleepSeconds(unsigned int seconds) {
+    timespec left{};
+    left.tv_sec = static_cast<std::time_t>(seconds);
+    sleepFor(left);
+}
+
+void OperatingSystem::sleepMicroseconds(unsigned int microseconds) {
+    timespec left{};
+    left.tv_sec = static_cast<std::time_t>(microseconds / 1'000'000);
+    left.tv_nsec = static_cast<long>(microseconds % 1'000'000) * 1000;
+    sleepFor(left);
+}
+
+int OperatingSystem::system(const std::string& line) { return std::system(line.c_str()); }
+
+int OperatingSystem::makeDirectory(const std::string& path, mode_t mode) { return ::mkdir(path.c_str(), mode); }
+
+int OperatingSystem::unlink(const std::string& path) { return ::unlink(path.c_str()); }
+
+int OperatingSystem::startThread(ThreadKind kind, void* (*body)(void*), void* argument, pthread_t& thread) {
+    pthread_attr_t attributes;
+    int result = pthread_attr_init(&attributes);
+    if (result != 0) return result;
+    if (kind != ThreadKind::Joinable) pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    if (kind == ThreadKind::DetachedScheduled) {
+        sched_param parameters{};
+        pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
+        pthread_attr_setschedpolicy(&attributes, SCHED_OTHER);
+        pthread_attr_setschedparam(&attributes, &parameters);
+    }
+    {
+        const SignalsBlocked blocked;
+        result = pthread_create(&thread, &attributes, body, argument);
+    }
+    pthread_attr_destroy(&attributes);
+    return result;
+}
+
+int OperatingSystem::joinThread(pthread_t thread) { return pthread_join(thread, nullptr); }
+
+int OperatingSystem::initSemaphore(sem_t* semaphore, unsigned int value) { return sem_init(semaphore, 0, value); }
+
+int OperatingSystem::waitSemaphore(sem_t* semaphore) {
+    int result = sem_wait(semaphore);
+    // Going ahead after an interrupted wait would leave the count one too high for good.
+    while (result == -1 && errno == EINTR) result = sem_wait(semaphore);
+    return result;
+}
+
+int OperatingSystem::postSemaphore(sem_t* semaphore) { return sem_post(semaphore); }
+
+int OperatingSystem::openUevents() {
+    const int socket = ::socket(AF_NETLINK, SOCK_DGRAM, NETLINK_KOBJECT_UEVENT);
+    if (socket == -1) return -1;
+    fcntl(socket, F_SETFD, FD_CLOEXEC);
+    // As root the limit of the ordinary option does not apply; where we are not, the ordinary one does what it can.
+    if (setsockopt(socket, SOL_SOCKET, SO_RCVBUFFORCE, &kUeventReceiveBuffer, sizeof kUeventReceiveBuffer) == -1)
+        setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &kUeventReceiveBuffer, sizeof kUeventReceiveBuffer);
+    // A receive error ends the daemon; an overrun is no reason to, and the drop count tells of it.
+    const int on = 1;
+    setsockopt(socket, SOL_NETLINK, NETLINK_NO_ENOBUFS, &on, sizeof on);
+    return socket;
+}
+
+int OperatingSystem::bindUevents(int socket, std::uint32_t groups) {
+    sockaddr_nl address;
+    std::memset(&address, 0, sizeof address);
+    static_assert(sizeof address == 12);
+    address.nl_family = AF_NETLINK;
+    address.nl_pid = static_cast<std::uint32_t>(getpid());
+    address.nl_groups = groups;
+    return ::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+}
+
+int OperatingSystem::pollUevents(int socket, int wake) {
+    for (;;) {
+        pollfd descriptors[2] = {{socket, POLLIN, 0}, {wake, POLLIN, 0}};
+        const int result = ::poll(descriptors, wake == -1 ? 1 : 2, -1);
+        if (result == -1) return -1;
+        if (wake != -1 && descriptors[1].revents != 0) return 0;
+        if (descriptors[0].revents != 0) return 1;
+    }
+}
+
+ssize_t OperatingSystem::receiveUevent(int socket, void* buffer, std::size_t size) {
+    return ::recv(socket, buffer, size, MSG_DONTWAIT);
+}
+
+std::uint32_t OperatingSystem::droppedUevents(int socket) {
+    std::uint32_t memory[SK_MEMINFO_VARS] = {};
+    socklen_t size = sizeof memory;
+    if (getsockopt(socket, SOL_SOCKET, SO_MEMINFO, memory, &size) == -1) return 0;
+    return memory[SK_MEMINFO_DROPS];
+}
+
+int OperatingSystem::openWake() { return eventfd(0, EFD_CLOEXEC); }
+
+void OperatingSystem::signalWake(int wake) {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t written = ::write(wake, &one, sizeof one);
+}
+
+int OperatingSystem::openInotify() {
+    const int descriptor = inotify_init();
+    // Tools and what they leave in the background must not inherit it.
+    if (descriptor != -1) fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+    return descriptor;
+}
+
+int OperatingSystem::getDescriptorFlags(int descriptor) { return fcntl(descriptor, F_GETFL); }
+
+int OperatingSystem::setDescriptorFlags(int descriptor, int flags) { return fcntl(descriptor, F_SETFL, flags); }
+
+int OperatingSystem::addInotifyWatch(int descriptor, const std::string& path, std::uint32_t mask) {
+    return inotify_add_watch(descriptor, path.c_str(), mask);
+}
+
+int OperatingSystem::removeInotifyWatch(int descriptor, int watch) { return inotify_rm_watch(descriptor, watch); }
+
+ssize_t OperatingSystem::read(int descriptor, void* buffer, std::size_t size) {
+    return ::read(descriptor, buffer, size);
+}
+
+int OperatingSystem::close(int descriptor) { return ::close(descriptor); }

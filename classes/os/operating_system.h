@@ -1,0 +1,79 @@
+#ifndef MEDIAD_CLASSES_OS_OPERATING_SYSTEM_H
+#define MEDIAD_CLASSES_OS_OPERATING_SYSTEM_H
+
+// The door to the operating system: every outside effect of the daemon that is not a parameter, a card register or a
+// shell command goes through here, and so does the start of every thread. A test puts its own object behind the door.
+//
+// Results are the system call's own (-1 with errno set on failure) unless said otherwise. Any thread may call any
+// operation; none is called with a lock held (the semaphore operations are the locks).
+
+#include <pthread.h>
+#include <semaphore.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <string>
+
+class ThreadSleep;
+
+class OperatingSystem {
+public:
+    enum class ThreadKind {
+        Joinable,          // default attributes; the caller joins
+        Detached,          // detached, default scheduling
+        DetachedScheduled, // detached, explicit scheduling: SCHED_OTHER, priority 0
+    };
+
+    // The system this process runs on.
+    static OperatingSystem& host();
+
+    virtual ~OperatingSystem() = default;
+
+    // Seconds since the epoch.
+    virtual std::time_t time();
+
+    // Suspends the calling thread. The first goes through the product library's sleeper.
+    virtual void sleep(ThreadSleep& sleeper, long nanoseconds);
+    virtual void sleepSeconds(unsigned int seconds);
+    virtual void sleepMicroseconds(unsigned int microseconds);
+
+    // The system library's system().
+    virtual int system(const std::string& line);
+
+    virtual int makeDirectory(const std::string& path, mode_t mode);
+    virtual int unlink(const std::string& path);
+
+    // Starts a thread with all signals blocked: only the main thread takes them. Returns 0 or the error number.
+    virtual int startThread(ThreadKind kind, void* (*body)(void*), void* argument, pthread_t& thread);
+    virtual int joinThread(pthread_t thread);
+
+    virtual int initSemaphore(sem_t* semaphore, unsigned int value); // process-private
+    virtual int waitSemaphore(sem_t* semaphore);                     // an interrupting signal does not end the wait
+    virtual int postSemaphore(sem_t* semaphore);
+
+    // Kernel uevents: the socket, its binding (port id = process id), readiness and one datagram. `openUevents` asks for a
+    // receive buffer of 16 MiB; datagrams that are dropped all the same are counted, not reported as errors.
+    virtual int openUevents();
+    virtual int bindUevents(int socket, std::uint32_t groups);
+    // Waits for a datagram or for `wake` (an eventfd; -1 for none). 1: a datagram, 0: woken, -1: failed.
+    virtual int pollUevents(int socket, int wake);
+    virtual ssize_t receiveUevent(int socket, void* buffer, std::size_t size);
+    // Datagrams dropped since the socket was opened.
+    virtual std::uint32_t droppedUevents(int socket);
+
+    // An eventfd to end a wait with, and its signal.
+    virtual int openWake();
+    virtual void signalWake(int wake);
+
+    virtual int openInotify();
+    virtual int getDescriptorFlags(int descriptor);
+    virtual int setDescriptorFlags(int descriptor, int flags);
+    virtual int addInotifyWatch(int descriptor, const std::string& path, std::uint32_t mask);
+    virtual int removeInotifyWatch(int descriptor, int watch);
+    virtual ssize_t read(int descriptor, void* buffer, std::size_t size);
+    virtual int close(int descriptor);
+};
+
+#endif

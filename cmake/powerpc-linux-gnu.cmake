@@ -1,0 +1,16 @@
+# The board: 32-bit big-endian PowerPC. Programs run through qemu-user, for ctest and gtest_discover_tests.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR ppc)
+set(_triple powerpc-linux-gnu)
+set(CMAKE_C_COMPILER ${_triple}-gcc)
+set(CMAKE_CXX_COMPILER ${_triple}-g++)
+set(CMAKE_LIBRARY_ARCHITECTURE ${_triple})
+get_filename_component(_dependencies "${CMAKE_CURRENT_LIST_DIR}/../build/dependencies/ppc" ABSOLUTE)
+set(CMAKE_FIND_ROOT_PATH /usr/${_triple} ${_dependencies})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(CMAKE_CROSSCOMPILING_EMULATOR "/usr/bin/qemu-ppc-static;-L;/usr/${_triple}")
+# pkg-config must see the dependencies built for the board, and nothing of the build machine's.
+set(ENV{PKG_CONFIG_LIBDIR} "${_dependencies}/lib/pkgconfig")

@@ -1,0 +1,78 @@
+#ifndef MEDIAD_PLATFORM_CONFIG_H
+#define MEDIAD_PLATFORM_CONFIG_H
+
+// The parameter store's client contract: typed values under 32-bit identifiers, shared by every process of the
+// recorder, and an event channel that tells of every change.
+//
+// Threads: every operation of a Config may be called from any thread, from inside a change callback too.
+// Change callbacks come on the store's own thread, one at a time, in the order of the sets.
+
+#include <string>
+
+#include "config_events.h"
+
+// What the set and get operations return. The daemon ignores it; tools report it.
+enum eConfigStatus_t : int {
+    kConfigOk = 0,
+    kConfigRefused = -1,      // the store does not accept this value for this parameter
+    kConfigWrongType = -2,    // an integer operation on a string parameter, or the other way round
+    kConfigNotPermitted = -3, // this process may read but not write
+    kConfigUnreachable = -4,  // nobody serves the store at the moment
+    kConfigUnknown = -5,      // a get of an identifier that nobody has written and no descriptor names
+};
+
+// What the factory hands out and takes back.
+class ConfigObject {
+public:
+    virtual ~ConfigObject() = default;
+};
+
+class Config : public ConfigObject {
+public:
+    // Stores `value` and raises exactly one change event, also when the value is the same.
+    virtual int setInteger(eParam_t id, int value) = 0;
+
+    // The value; 0 when nobody has written it, the last known one while the store cannot be reached.
+    virtual int getInteger(eParam_t id) = 0;
+
+    // As above, into `*value`, which keeps its content when there is nothing to write into it.
+    virtual int getInteger(eParam_t id, int* value) = 0;
+
+    virtual int setString(eParam_t id, std::string value) = 0;
+
+    // `value` keeps its content when there is nothing to write into it.
+    virtual int getString(eParam_t id, std::string& value) = 0;
+};
+
+class ConfigEventChannel : public ConfigObject {
+public:
+    // From now on `listener` is called for every change, the caller's own included; nothing that happened
+    // before is replayed. `listener` must outlive the channel. Releasing the channel waits for a running callback.
+    virtual void addListener(ConfigEvents* listener) = 0;
+};
+
+// The factory of the store's objects.
+class ConfigFactoryImpl {
+public:
+    static ConfigFactoryImpl& GetInstance();
+
+    virtual ~ConfigFactoryImpl() = default;
+
+    // The one channel there is has the locator kConfigEventLocator; any other gives null.
+    virtual ConfigEventChannel* createEventChannel(const std::string& locator) = 0;
+
+    // Takes back a Config or an event channel; null is ignored.
+    virtual void release(ConfigObject* object) = 0;
+};
+
+// The loopback multicast channel of the store's change events.
+inline constexpr char kConfigEventLocator[] = "multicast://127.0.0.1:63110/configid=0";
+
+// Builds the store's descriptor tables. Once in a process, before GetMappingConfig.
+void CreateDescriptors();
+
+// The store's Config for `transport` ("udp" is the only one there is): attached to the process that hosts the store,
+// or, where none does and `host` is true, hosting it in this process. Null when neither can be done.
+Config* GetMappingConfig(const std::string& transport, bool readOnly, bool host);
+
+#endif

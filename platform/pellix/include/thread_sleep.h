@@ -1,0 +1,12 @@
+#ifndef MEDIAD_PLATFORM_THREAD_SLEEP_H
+#define MEDIAD_PLATFORM_THREAD_SLEEP_H
+
+// Suspends the calling thread; signals do not shorten the sleep. Any thread.
+class ThreadSleep {
+public:
+    ThreadSleep();
+    ~ThreadSleep();
+    void sleep(long nanoseconds);
+};
+
+#endif
