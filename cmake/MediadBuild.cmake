@@ -11,6 +11,8 @@ option(MEDIAD_TESTS "Build the unit, behaviour and process tests" ON)
 set(MEDIAD_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize= takes them: address,undefined or thread")
 set(MEDIAD_DEPENDENCIES "${CMAKE_SOURCE_DIR}/build/dependencies/${CMAKE_SYSTEM_PROCESSOR}" CACHE PATH
     "Where packaging/build-dependencies put the libraries that are built from source packages")
+# Both find_package and pkg_check_modules look there first.
+list(PREPEND CMAKE_PREFIX_PATH "${MEDIAD_DEPENDENCIES}")
 
 find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)
