@@ -1,0 +1,221 @@
+#ifndef MEDIAD_PLATFORM_SHARED_SEGMENT_H
+#define MEDIAD_PLATFORM_SHARED_SEGMENT_H
+
+// How the shared clip and playlist segments (clip.h draws them) are named, locked, mapped, read and written.
+//
+// The lock protocol is part of the format: a segment is mapped only while its named mutex is held, and unmapped before
+// the mutex is given back. The mutex is a POSIX named semaphore; a process that dies while it holds it leaves it
+// locked for everybody until the system restarts, so nobody may be killed in between.
+//
+// Whoever only wants to look calls readClips or readPlaylists: they create nothing and throw nothing. Everything else
+// here throws boost::interprocess::interprocess_exception on failure. Any thread may call anything; the handles
+// that are passed in belong to one thread at a time.
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <boost/interprocess/exceptions.hpp>
+#include <boost/interprocess/mapped_region.hpp>
+#include <boost/interprocess/shared_memory_object.hpp>
+#include <boost/interprocess/sync/named_mutex.hpp>
+#include <boost/interprocess/sync/scoped_lock.hpp>
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <list>
+#include <new>
+#include <string>
+
+#include "clip.h"
+
+namespace nevo::media {
+
+// The names of the four objects. The library that opens them puts a "/" in front where there is none.
+inline std::string clipSegmentName(const std::string& prefix) { return prefix + kClipMagic + "_shm"; }
+inline std::string clipMutexName(const std::string& prefix) { return prefix + kClipMagic + "_mutex"; }
+inline std::string playlistSegmentName(const std::string& prefix) { return prefix + kPlaylistMagic + "_shm"; }
+inline std::string playlistMutexName(const std::string& prefix) { return prefix + kPlaylistMagic + "_mutex"; }
+
+// Everybody on the recorder may read and write them. The semaphores obey the umask, so who makes them needs umask 0.
+inline boost::interprocess::permissions segmentPermissions() { return boost::interprocess::permissions(0777); }
+
+// --- The bytes of a mapped segment. Nothing in it is aligned, hence the copying; a count is whatever somebody wrote
+// --- there, hence the bounds.
+
+// The number of records, never more than there is room for; 0 without the text at the front, `written` tells which.
+inline std::uint32_t recordCount(const std::byte* segment, const char* magic, std::size_t magicSize,
+                                 std::size_t capacity, bool& written) {
+    written = std::memcmp(segment, magic, magicSize) == 0;
+    if (!written) return 0;
+    std::uint32_t count = 0;
+    std::memcpy(&count, segment + magicSize, sizeof count);
+    return std::min(count, static_cast<std::uint32_t>(capacity));
+}
+
+inline std::list<Clip> clipsOf(const std::byte* segment, bool& written) {
+    std::list<Clip> clips;
+    const std::uint32_t count = recordCount(segment, kClipMagic, kClipMagicSize, kClipCapacity, written);
+    for (std::uint32_t i = 0; i < count; ++i)
+        std::memcpy(&clips.emplace_back(), segment + kClipRecordsOffset + kClipStride * i, kClipBytesCopied);
+    return clips;
+}
+
+// Writes text, count and records. Records behind the new count and the padding of each keep the bytes they had. Clips
+// beyond the capacity are not written: refuse them before it comes to this.
+template <typename Clips>
+void putClips(std::byte* segment, const Clips& clips) {
+    const auto count = static_cast<std::uint32_t>(std::min<std::size_t>(clips.size(), kClipCapacity));
+    std::memcpy(segment, kClipMagic, kClipMagicSize);
+    std::memcpy(segment + kClipCountOffset, &count, sizeof count);
+    std::size_t i = 0;
+    for (const Clip& clip : clips) {
+        if (i == count) break;
+        std::memcpy(segment + kClipRecordsOffset + kClipStride * i++, &clip, kClipBytesCopied);
+    }
+}
+
+inline std::list<PlaylistCacheEntry> playlistsOf(const std::byte* segment, bool& written) {
+    std::list<PlaylistCacheEntry> playlists;
+    const std::uint32_t count =
+        recordCount(segment, kPlaylistMagic, kPlaylistMagicSize, kPlaylistCapacity, written);
+    for (std::uint32_t i = 0; i < count; ++i)
+        std::memcpy(&playlists.emplace_back(), segment + kPlaylistRecordsOffset + kPlaylistStride * i, kPlaylistStride);
+    return playlists;
+}
+
+// As putClips. `playlists` holds the entries in the order in which they are to stand.
+template <typename Playlists>
+void putPlaylists(std::byte* segment, const Playlists& playlists) {
+    const auto count = static_cast<std::uint32_t>(std::min<std::size_t>(playlists.size(), kPlaylistCapacity));
+    std::memcpy(segment, kPlaylistMagic, kPlaylistMagicSize);
+    std::memcpy(segment + kPlaylistCountOffset, &count, sizeof count);
+    std::size_t i = 0;
+    for (const PlaylistCacheEntry& playlist : playlists) {
+        if (i == count) break;
+        std::memcpy(segment + kPlaylistRecordsOffset + kPlaylistStride * i++, &playlist, kPlaylistStride);
+    }
+}
+
+// A field that is terminated only when its text is shorter than the field.
+template <std::size_t size>
+std::string fieldText(const char (&field)[size]) {
+    return std::string(field, strnlen(field, size));
+}
+
+// The name under which a playlist is known: the last component of its path, up to the first ".playlist".
+inline std::string playlistName(const PlaylistCacheEntry& playlist) {
+    std::string name = fieldText(playlist.path);
+    if (name.empty()) return "."; // what basename gives
+    while (name.size() > 1 && name.back() == '/') name.pop_back();
+    if (name.size() > 1) name.erase(0, name.rfind('/') + 1);
+    return name.substr(0, name.find(".playlist"));
+}
+
+// --- Access under the mutex.
+
+// Locks `mutex`, maps the whole of `segment` read-write, calls visit(std::byte*) and unmaps before it unlocks. `size` is
+// the size that a segment of its kind has.
+template <typename Visitor>
+void visitSegment(boost::interprocess::shared_memory_object& segment, boost::interprocess::named_mutex& mutex,
+                  std::size_t size, Visitor visit) {
+    namespace ipc = boost::interprocess;
+    ipc::scoped_lock<ipc::named_mutex> lock(mutex);
+    {
+        ipc::mapped_region region(segment, ipc::read_write);
+        // Another program has cut it short: touching what is missing would be SIGBUS.
+        if (region.get_size() < size) throw ipc::interprocess_exception(ipc::error_info(ipc::size_error));
+        visit(static_cast<std::byte*>(region.get_address()));
+    }
+    // Said aloud, because the lock's destructor keeps a failure to itself.
+    lock.unlock();
+}
+
+// --- For those who only look: tools, other programs.
+
+enum class SegmentState {
+    Filled,    // the segment carries its text; there may still be no record in it
+    Unwritten, // nobody has written to it yet: the same as empty
+    Absent,    // it does not exist: the daemon has not come so far since the system started
+    Locked,    // whoever holds its mutex does not let go
+    Failed,    // `error` says why, EACCES for instance
+};
+
+template <typename Record>
+struct SegmentReading {
+    SegmentState state = SegmentState::Failed;
+    int error = 0; // errno, where there is one
+    std::list<Record> records;
+};
+
+// A tool that is interrupted between lock and unlock would leave the recorder locked.
+class SignalsHeld {
+public:
+    SignalsHeld() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &_before);
+    }
+    ~SignalsHeld() { pthread_sigmask(SIG_SETMASK, &_before, nullptr); }
+    SignalsHeld(const SignalsHeld&) = delete;
+    SignalsHeld& operator=(const SignalsHeld&) = delete;
+
+private:
+    sigset_t _before;
+};
+
+// What readClips and readPlaylists share: `take` makes the records of a mapped segment.
+template <typename Record>
+SegmentReading<Record> readSegment(const std::string& segmentName, const std::string& mutexName, std::size_t size,
+                                   unsigned int seconds,
+                                   std::list<Record> (*take)(const std::byte* segment, bool& written)) noexcept {
+    namespace ipc = boost::interprocess;
+    SegmentReading<Record> reading;
+    try {
+        ipc::shared_memory_object segment(ipc::open_only, segmentName.c_str(), ipc::read_only);
+        ipc::named_mutex mutex(ipc::open_only, mutexName.c_str());
+        const auto deadline = boost::posix_time::microsec_clock::universal_time() +
+                              boost::posix_time::seconds(static_cast<long>(seconds));
+        const SignalsHeld held;
+        ipc::scoped_lock<ipc::named_mutex> lock(mutex, deadline);
+        if (!lock.owns()) {
+            reading.state = SegmentState::Locked;
+            return reading;
+        }
+        ipc::offset_t present = 0;
+        if (!segment.get_size(present) || static_cast<std::uint64_t>(present) < size) {
+            reading.state = SegmentState::Unwritten; // made this moment, and not yet sized
+        } else {
+            const ipc::mapped_region region(segment, ipc::read_only, 0, size);
+            bool written = false;
+            reading.records = take(static_cast<const std::byte*>(region.get_address()), written);
+            reading.state = written ? SegmentState::Filled : SegmentState::Unwritten;
+        }
+        lock.unlock();
+    } catch (const ipc::interprocess_exception& failure) {
+        reading.error = failure.get_native_error();
+        reading.state = reading.error == ENOENT ? SegmentState::Absent : SegmentState::Failed;
+    } catch (const std::bad_alloc&) {
+        reading.error = ENOMEM;
+        reading.state = SegmentState::Failed;
+    }
+    return reading;
+}
+
+// The clips in segment order (by time), the playlists in segment order (by name). Waits up to `seconds` for the mutex,
+// with this thread's signals held back; maps read-only.
+inline SegmentReading<Clip> readClips(const std::string& prefix = kCachePrefix, unsigned int seconds = 5) {
+    return readSegment<Clip>(clipSegmentName(prefix), clipMutexName(prefix), kClipSegmentSize, seconds, clipsOf);
+}
+
+inline SegmentReading<PlaylistCacheEntry> readPlaylists(const std::string& prefix = kCachePrefix,
+                                                        unsigned int seconds = 5) {
+    return readSegment<PlaylistCacheEntry>(playlistSegmentName(prefix), playlistMutexName(prefix),
+                                           kPlaylistSegmentSize, seconds, playlistsOf);
+}
+
+} // namespace nevo::media
+
+#endif
