@@ -1,0 +1,43 @@
+#include "classes/files/read_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+
+#include "classes/diagnostics/diagnostics.h"
+
+bool read_file(const std::string& path, std::string& text) {
+    text.clear();
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (descriptor == -1) return false;
+    struct stat status;
+    if (::fstat(descriptor, &status) == -1) {
+        ::close(descriptor);
+        reportPlain("::read_file - fstat failed\n");
+        return false;
+    }
+    // On a 32-bit board a file may be larger than any buffer; its size must not wrap.
+    const auto fileSize = static_cast<std::uint64_t>(status.st_size);
+    const bool fits = fileSize < SIZE_MAX;
+    const auto size = static_cast<std::size_t>(fits ? fileSize : 0);
+    const std::unique_ptr<char, decltype(&std::free)> buffer(
+        fits ? static_cast<char*>(std::calloc(size + 1, 1)) : nullptr, &std::free);
+    if (!buffer) {
+        ::close(descriptor);
+        reportPlain("::read_file - malloc failed\n");
+        return false;
+    }
+    // One read on purpose: a file that comes in pieces is a file that somebody is still writing.
+    const ssize_t count = ::read(descriptor, buffer.get(), size);
+    ::close(descriptor);
+    if (count < 0 || static_cast<std::size_t>(count) < size) {
+        reportPlain("::read_file - read failed to read enough data\n");
+        return false;
+    }
+    text = buffer.get();
+    return true;
+}

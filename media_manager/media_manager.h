@@ -1,0 +1,310 @@
+#ifndef MEDIAD_MEDIA_MANAGER_MEDIA_MANAGER_H
+#define MEDIAD_MEDIA_MANAGER_MEDIA_MANAGER_H
+
+// The heart of the daemon: one object that owns the state of all storage slots, acts on what the kernel announces and on
+// what other processes ask for, and reports slots, alarms, capacity and progress.
+//
+// Threads: init runs on the main thread, before there is a loop; loop and all it calls run on the loop thread. The
+// parameter store's thread calls the two ParamChanged operations and, through them, only what their group says. What it
+// shares with the loop is an atomic, or is guarded by _semaphore, as the members tell.
+//
+// The operations stand in groups, each in a source file of its own.
+
+#include <semaphore.h>
+
+#include <atomic>
+#include <ctime>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "classes/config/config_event_listener.h"
+#include "classes/os/operating_system.h"
+#include "config.h"
+#include "file_utils.h"
+#include "slots/card.h"
+#include "slots/slot.h"
+#include "slots/slot_led.h"
+#include "slots/slot_listener.h"
+#include "thread_sleep.h"
+
+struct inotify_event;
+
+// Bits of kParamAlarms. Other processes own the other bits of the word.
+enum eAlarm_t : std::uint32_t {
+    eAlarmHardwareFailure = 0x00000001,
+    eAlarmSoftwareFailure = 0x00000002,
+    eAlarmClearedByErase = 0x00000400, // other processes set it and know what it means
+    eAlarmCapacityLow = 0x00002000,
+    eAlarmCapacityCritical = 0x00004000,
+    eAlarmStorageRemoved = 0x00010000,
+    eAlarmClearedByNewSettings = 0x00040000, // other processes set it and know what it means
+    eAlarmMediaUnformatted = 0x00800000,
+    eAlarmMediaDamaged = 0x01000000,
+};
+
+// Bits of kParamExtendedAlarms.
+enum eExtendedAlarm_t : std::uint32_t {
+    eExtendedAlarmUnsupportedMedia = 0x00000001,
+    eExtendedAlarmCodecUnsupportedForMedia = 0x00000008,
+};
+
+// What kParamProgressStatus shows while something long is running.
+enum eProgressStatus : std::int32_t {
+    eProgressNone = 0,
+    eProgressFormattingD1 = 1,
+    eProgressFormattingD2 = 2,
+    eProgressFormattingS1 = 3,
+    eProgressFormattingS2 = 4,
+};
+
+// The recorder's transport, kParamTransportState. Only what the manager tells apart has a name.
+enum eTransportState_t : std::int32_t {
+    eTransportRecording = 2,
+};
+
+// Answers of a slot change, in kParamSlotChangeCommand.
+enum eSlotChangeResult_t : std::int32_t {
+    eSlotChangeDone = 0,
+    eSlotChangeUnformatted = 10,
+    eSlotChangeDamaged = 11,
+    eSlotChangeNotUnmounted = 14, // the medium that was in use could not be unmounted, or was pulled
+    eSlotChangeStorageInUse = 15,
+};
+
+// The slot that asks for no medium while the manager looks at its state anew.
+inline constexpr auto eStorageSlotRecheck = static_cast<eStorageSlot_t>(5);
+
+class MediaManager : public ConfigEventListener {
+public:
+    // Borrows everything for the life of the process. No other work is done here.
+    MediaManager(SlotListener* listener, Card* card, Config* config, ConfigEventChannel* eventChannel, FileUtils* shell,
+                 OperatingSystem& os = OperatingSystem::host());
+    // Frees the members; touches neither the parameter store nor the media.
+    ~MediaManager() override;
+    MediaManager(const MediaManager&) = delete;
+    MediaManager& operator=(const MediaManager&) = delete;
+
+    // ---- Life and loop: media_manager.cpp ----
+
+    // Start-up, until the first medium has been tried. Returns 0. Does not return while the board's driver scan fails.
+    int init();
+    // Runs the loop on a thread of its own (`threaded`) or on the caller's, until it ends.
+    void run(bool threaded);
+    static void* RunCommandThread(void* manager);
+    void loop();
+    // One turn of the loop, its sleep first; false when the loop is to end.
+    bool pass();
+    // One pass of command handling; returns the result of the last operation it called.
+    int checkMessages();
+    // Orderly shutdown; only the first call does anything.
+    void cleanup();
+
+    static std::atomic<MediaManager*> _pMediaManager;
+
+    // ---- Change events, requests and their acknowledgement: commands.cpp ----
+
+    // The store's thread. They record what was asked for; the loop does it.
+    using ConfigEventListener::ParamChanged;
+    void ParamChanged(eParam_t id, unsigned int value, timeval when) override;
+    void ParamChanged(eParam_t id, std::string value, timeval when) override;
+
+    bool shutdownRequested();
+    bool slotChangeRequested();
+    void clearSlotChangeRequest();
+    // `code` is an eSlotChangeResult_t, in the type that the parameter shares with the slots.
+    void setSlotChangeError(eStorageSlot_t code);
+    void startProgress(eProgressStatus status);
+    void endProgress();
+    void setStorageError();
+    bool eraseRequested();
+    void clearEraseCommand();
+    bool isMediaLoading();
+    void setMediaLoading(bool loading);
+    void requestStartFirewireAccess();
+    void requestStopFirewireAccess();
+    bool firewireStartRequested();
+    bool firewireStopRequested();
+    // The store's thread calls the next two.
+    void acquireStorage();
+    void releaseStorage();
+    bool storageInUse();
+    bool isNewMountRequest();
+    void clearNewMountRequest();
+    std::string getClip(eStorageSlot_t slot, std::string clip);
+    void setClip(eStorageSlot_t slot, std::string clip, unsigned int index);
+    // Kernel name of the slot's disk ("sdb"), empty while there is none.
+    std::string getDevice(eStorageSlot_t slot);
+    // Whether the slot is ready, whatever the name says: announced by the kernel and present.
+    bool slotPresent(eStorageSlot_t slot);
+    void LogEvent(inotify_event* event);
+
+    // ---- Alarms, LEDs, capacity: alarms.cpp ----
+
+    eAlarm_t getAlarms();
+    eExtendedAlarm_t getExtendedAlarms();
+    void setAlarms(eAlarm_t alarms);
+    void setExtendedAlarms(eExtendedAlarm_t alarms);
+    // These write the word only when it changes.
+    void setAlarmBit(eAlarm_t bits);
+    void clearAlarmBit(eAlarm_t bits);
+    void setExtendedAlarmBit(eExtendedAlarm_t bits);
+    void clearExtendedAlarmBit(eExtendedAlarm_t bits);
+
+    void raiseHardwareFailureAlarm();
+    void raiseSoftwareFailureAlarm();
+    void setCurrentCapacityRemainingAlarm(eAlarm_t bits);
+    void clearCurrentCapacityRemainingAlarm(eAlarm_t bits);
+    void raiseStorageRemovedAlarm();
+    void clearStorageRemovedAlarm();
+    void raiseMediaUnformattedAlarm();
+    void clearMediaUnformattedAlarm();
+    void raiseMediaDamagedAlarm();
+    void clearMediaDamagedAlarm();
+    void raiseUnsupportedMediaAlert();
+    void clearUnsupportedMediaAlert();
+    void raiseCodecUnsupportedForMediaAlarm();
+    void clearCodecUnsupportedForMediaAlarm();
+    void raiseInvalidMediaAlert();
+
+    // Commands every LED of the slot. Returns 0.
+    int setLED(eStorageSlot_t slot, eStorageLEDStatus_t status);
+    void StalkTransporterAndFlashIfRecording();
+    // True, and the loop ends after this pass, when `slot` is the one in use.
+    bool checkForStorageRemovedAlarm(eStorageSlot_t slot);
+    void checkIfCodecSupportedForMedia();
+    // 0 to 100 for a medium; 0 also when it cannot be measured.
+    int remainingPercentageOfCapacity(eStorageSlot_t slot);
+    // Measures at most every five seconds unless `force` is set.
+    void updateCurrentSlotCapacityRemaining(bool force);
+    std::string getReelName();
+
+    // ---- Which slot is in use: slot_selection.cpp ----
+
+    void setSelectedSlot(eStorageSlot_t slot);
+    eStorageSlot_t getNextSlot(eStorageSlot_t mode, eStorageSlot_t slot);
+    eStorageSlot_t getNextAvailableSlot(eStorageSlot_t slot);
+    // Returns an eSlotChangeResult_t. 0 also when the change will complete on a later pass.
+    unsigned int attemptSlotChange(eStorageSlot_t slot);
+    void activateSlot(eStorageSlot_t slot);
+    // Returns 0 or eSlotChangeNotUnmounted.
+    int deselectSlot();
+    // Looks at every slot once. True when some slot holds a medium that the driver recognises; the argument is not used.
+    bool findStorage(bool);
+    void ServiceMountRequests();
+
+    // ---- Check, repair, mount, unmount, bus: mounting.cpp ----
+    // `quiet` leaves the LED, the web link and the media watch alone: for mounts that only the manager itself sees.
+
+    bool isSlotMounted(eStorageSlot_t slot);
+    // 0 when the file system says that it is clean, -1 otherwise.
+    int quickCheck(eStorageSlot_t slot);
+    // 0 when the file system is clean or repaired; else the tool's status, with the invalid-media alert raised.
+    int fsckSlot(eStorageSlot_t slot);
+    bool isSlotFormatted(eStorageSlot_t slot);
+    // 0, or the tool's status with `name` untouched.
+    int getVolumeName(eStorageSlot_t slot, std::string& name);
+    int displayVolumeName(eStorageSlot_t slot);
+    static void replaceControlChars(char* text);
+    int configureDirectories(eStorageSlot_t slot);
+    // The maker directory, or empty for the unknown slot.
+    std::string getStoragePath(eStorageSlot_t slot);
+    void setStoragePath(eStorageSlot_t slot);
+    // 0 on success, and also for a medium that the kernel mounted read-only: the mounted flag tells them apart. -1
+    // when the repair failed; else a tool's status.
+    int mountSlot(eStorageSlot_t slot, bool quiet);
+    // 0 on success and in a double mount; the grep's status when nothing was mounted there; else umount's.
+    int unmountSlot(eStorageSlot_t slot, bool lazy, bool quiet);
+    void unmountAll();
+    // By value: a copy of the record, as it was when the caller decided.
+    void probeBus(Slot slot);
+    void deleteDeviceFromBus(Slot slot);
+
+    // ---- What changes on the medium in use: media_watch.cpp ----
+
+    void setup_inotify();
+    void teardown_inotify();
+    bool watchPath(std::string path);
+    void checkMediaEvents();
+    void checkMediaUpdated();
+
+    // ---- Clips to delete: clip_deletion.cpp ----
+
+    // Appends the pieces; none for an empty text, and none behind a separator at the very end.
+    static void split(const std::string& text, char separator, std::vector<std::string>& pieces);
+    // The store's thread. Adds the names in `text` to `pending`; false when the text is empty.
+    bool parseClipsToDelete(std::set<std::string>& pending, std::string text);
+    std::set<std::string> getClipsToDelete();
+    int deleteClips(std::set<std::string>& clips);
+    void removeDeletedClips(std::set<std::string>& deleted);
+
+    // ---- Erasing a medium: formatting.cpp ----
+
+    // False on success, true when it failed.
+    bool eraseStorage(eStorageSlot_t slot);
+
+    // ---- FireWire disk access: firewire_access.cpp ----
+
+    // While FireWire owns the medium: does what it needs in this pass and returns true.
+    bool serviceFirewireAccess();
+    // Starts FireWire access when that was asked for. Returns `result` when it was not.
+    int startRequestedFirewireAccess(int result);
+
+private:
+    Slot& slotRecord(eStorageSlot_t slot) { return _listener->getSlot(slot); }
+    std::string partitionNode(eStorageSlot_t slot);
+    // Runs the board's useful string of that name.
+    int runUsefulString(const char* key);
+    // Runs `line` with the usual buffer of 256 bytes for its output.
+    int runCapturing(const std::string& line, std::string& output);
+    // The medium in `slot` was exchanged while it was in use: let go of the old one, take the new one.
+    unsigned int remount(eStorageSlot_t slot);
+    void markSettingsChanged();
+
+    SlotListener* const _listener;
+    Card* const _card;
+    Config* const _config;
+    ConfigEventChannel* const _eventChannel;
+    FileUtils* const _shell;
+    OperatingSystem& _os;
+
+    // Loop thread only, up to the next heading.
+    std::map<eStorageSlot_t, std::string> _mountPoints; // "/mnt/S1"
+    std::string _storagePath;                           // published; empty while no medium is in use
+    std::string _reelName;
+    eStorageSlot_t _selectedSlot = eStorageSlotUnknown;
+    eStorageSlot_t _previousSlot = eStorageSlotUnknown; // selected before the current one
+    bool _mounted = false;                              // the selected medium is mounted read-write
+    bool _loopDone = false;                             // the loop ends after this pass
+    bool _threaded = false;
+    bool _cleanedUp = false;
+    bool _mediaLoading = false;
+    int _lastMediaLoadingStatus = 3; // neither false nor true: the first call always writes
+    eStorageLEDStatus_t _lastLEDStatus = eStorageLEDOff;
+    std::time_t _lastCapacityTime = 0;
+    int _capacityCounter = 0; // nanoseconds slept since the last measurement while the transport is active
+    int _inotify = -1;
+    int _watch = -1;
+    ThreadSleep _sleeper;
+
+    // Guarded by _semaphore.
+    sem_t _semaphore; // ready from init on
+    std::set<std::string> _clipsToDelete;
+    int _storageUseCount = 0;
+    bool _newMountRequest = false;
+    bool _settingsChanged = false;
+
+    // Written by the store's thread and by the loop.
+    std::atomic<int> _transportState{0};
+    std::atomic<bool> _transportActive{false};
+    std::atomic<int> _slotChangeCommand{0};
+    std::atomic<int> _mediaCommand{0};
+    std::atomic<int> _remountCommand{0};
+    std::atomic<int> _mediaChangedTime{0};
+    std::atomic<bool> _cacheRefreshRequested{false};
+    std::atomic<bool> _firewireStartRequested{false};
+    std::atomic<bool> _firewireStopRequested{false};
+};
+
+#endif
