@@ -7,13 +7,17 @@
 
 namespace nevo::media {
 
-// The part of MediaCache that the product support library brings: looking into a clip file.
+// The part of MediaCache that the product support library brings: looking into a clip file. Any thread.
 class ClipExaminer {
 public:
-    // Fills the zeroed `clip` from the clip file at `path`: name, time, frames, starting timecode and attribute text; the
-    // codec flag stays. `option` is reserved. False when the path is not a usable clip: not a regular file, no QuickTime
-    // file, no video of an encode type that the recorder knows. Any thread.
+    // Fills the zeroed `clip` from the clip file at `path`: name, time, frames, starting timecode and attribute text;
+    // the codec flag stays. `option` is reserved. False, with `clip` as it was, when the path is not a usable clip: not
+    // a regular file, no QuickTime file, no video of an encode type that the recorder knows. A file is whatever
+    // somebody put on a medium: nothing in it is believed further than it can be checked.
     static bool GrokClip(Clip& clip, std::string path, bool option);
+
+    // The name that a clip file's record has: the file's name up to its last ".".
+    static std::string clipName(const std::string& path);
 };
 
 } // namespace nevo::media

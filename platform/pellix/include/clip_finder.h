@@ -10,19 +10,27 @@
 #include "config.h"
 
 // The clip scanner. Made for one piece of work and dropped again; the shared segments are the state. One thread at a
-// time. Failures of the shared memory arrive as boost::interprocess::interprocess_exception.
+// time. Construction opens the segments and makes them where they are missing; failures of the shared memory arrive as
+// boost::interprocess::interprocess_exception, from there and from every operation that touches a segment.
 class ClipFinder {
 public:
+    // `config` must outlive the finder.
     explicit ClipFinder(Config* config);
     ~ClipFinder();
     ClipFinder(const ClipFinder&) = delete;
     ClipFinder& operator=(const ClipFinder&) = delete;
 
-    // Examines the clips and playlists in the directory `path` and refills both segments with them. Clips are regular
-    // files with ".mov" or ".MOV" anywhere in the full path; files that are still open for writing are left out.
+    // Examines the clips in the directory `path` and refills both segments, each in one go. Clips are usable clip files
+    // (ClipExaminer) with ".mov" or ".MOV" anywhere in the full path; files that are open for writing at this moment
+    // are left out. Clips of equal time stand in the order of their names. Of more clips than the segment has room for
+    // the newest are kept, so that the take numbering still sees the last ones; one line on standard error says so. Of
+    // two files that give one clip name the later in the order of file names counts. The codec flag is set against the
+    // encode type parameter. A directory that cannot be read is reported in one line and counts as empty.
     void scanMedia(std::string path);
 
-    // The clips in time order. When both flags are true, only those of the selected playlist, in the playlist's order.
+    // The clips of the segment in time order. When the first two flags are both true, only those of the selected
+    // playlist, in the playlist's order and as often as it names them; none when there is no such playlist. `refresh`
+    // is reserved: every call reads the segment.
     std::list<Clip> findClips(bool playlistSelected, bool filtered, bool refresh);
 
     // Empties the clip segment.
@@ -31,17 +39,14 @@ public:
     // Empties both segments.
     void flushAll();
 
-    // The clip that is current after the clips named in `deleted` (file names, or "*" for all) are gone: `current` where it
-    // survives or is not in `clips`, else the next survivor in the list, else the last one, else "N/A". Names are
-    // compared without their extension.
+    // The clip that is current after the clips named in `deleted` (file names, or "*" for all) are gone: `current`
+    // where it survives or is not in `clips`, else the next survivor in the list, else the last one, else "N/A". Names
+    // are compared without their extension.
     std::string NextClipNameAfterDelete(std::list<Clip> clips, std::string current, std::set<std::string> deleted);
 
-    // Keeps the next take's number above the highest number that ends a clip's name.
+    // Keeps the next take's number above the highest number that ends a clip's name. Numbers that the parameter cannot
+    // be above are no take numbers.
     void ensureNextRecordedTakeIsGreaterThanAnyOnMedia(std::list<Clip>& clips);
-
-    // Removes the first clip whose name occurs in `path` from the clip segment; true when one was removed.
-    // (media/clip_removal.cpp)
-    bool removeClip(std::string path);
 
 private:
     struct Handles; // the clip and playlist segments with their mutexes

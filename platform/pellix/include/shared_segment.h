@@ -65,8 +65,7 @@ inline std::list<Clip> clipsOf(const std::byte* segment, bool& written) {
 
 // Writes text, count and records. Records behind the new count and the padding of each keep the bytes they had. Clips
 // beyond the capacity are not written: refuse them before it comes to this.
-template <typename Clips>
-void putClips(std::byte* segment, const Clips& clips) {
+inline void putClips(std::byte* segment, const std::list<Clip>& clips) {
     const auto count = static_cast<std::uint32_t>(std::min<std::size_t>(clips.size(), kClipCapacity));
     std::memcpy(segment, kClipMagic, kClipMagicSize);
     std::memcpy(segment + kClipCountOffset, &count, sizeof count);
@@ -87,8 +86,7 @@ inline std::list<PlaylistCacheEntry> playlistsOf(const std::byte* segment, bool&
 }
 
 // As putClips. `playlists` holds the entries in the order in which they are to stand.
-template <typename Playlists>
-void putPlaylists(std::byte* segment, const Playlists& playlists) {
+inline void putPlaylists(std::byte* segment, const std::list<PlaylistCacheEntry>& playlists) {
     const auto count = static_cast<std::uint32_t>(std::min<std::size_t>(playlists.size(), kPlaylistCapacity));
     std::memcpy(segment, kPlaylistMagic, kPlaylistMagicSize);
     std::memcpy(segment + kPlaylistCountOffset, &count, sizeof count);
@@ -116,8 +114,8 @@ inline std::string playlistName(const PlaylistCacheEntry& playlist) {
 
 // --- Access under the mutex.
 
-// Locks `mutex`, maps the whole of `segment` read-write, calls visit(std::byte*) and unmaps before it unlocks. `size` is
-// the size that a segment of its kind has.
+// Locks `mutex`, maps the whole of `segment` read-write, calls visit(std::byte*) and unmaps before it unlocks. `size`
+// is the size that a segment of its kind has.
 template <typename Visitor>
 void visitSegment(boost::interprocess::shared_memory_object& segment, boost::interprocess::named_mutex& mutex,
                   std::size_t size, Visitor visit) {
@@ -131,6 +129,37 @@ void visitSegment(boost::interprocess::shared_memory_object& segment, boost::int
     }
     // Said aloud, because the lock's destructor keeps a failure to itself.
     lock.unlock();
+}
+
+// The whole of a segment in one locked access.
+inline std::list<Clip> takeClips(boost::interprocess::shared_memory_object& segment,
+                                 boost::interprocess::named_mutex& mutex) {
+    std::list<Clip> clips;
+    visitSegment(segment, mutex, kClipSegmentSize, [&clips](const std::byte* bytes) {
+        bool written = false;
+        clips = clipsOf(bytes, written);
+    });
+    return clips;
+}
+
+inline void storeClips(boost::interprocess::shared_memory_object& segment, boost::interprocess::named_mutex& mutex,
+                       const std::list<Clip>& clips) {
+    visitSegment(segment, mutex, kClipSegmentSize, [&clips](std::byte* bytes) { putClips(bytes, clips); });
+}
+
+// `written` becomes false when nobody has written to the segment yet.
+inline std::list<PlaylistCacheEntry> takePlaylists(boost::interprocess::shared_memory_object& segment,
+                                                   boost::interprocess::named_mutex& mutex, bool& written) {
+    std::list<PlaylistCacheEntry> playlists;
+    visitSegment(segment, mutex, kPlaylistSegmentSize,
+                 [&](const std::byte* bytes) { playlists = playlistsOf(bytes, written); });
+    return playlists;
+}
+
+inline void storePlaylists(boost::interprocess::shared_memory_object& segment,
+                           boost::interprocess::named_mutex& mutex, const std::list<PlaylistCacheEntry>& playlists) {
+    visitSegment(segment, mutex, kPlaylistSegmentSize,
+                 [&playlists](std::byte* bytes) { putPlaylists(bytes, playlists); });
 }
 
 // --- For those who only look: tools, other programs.

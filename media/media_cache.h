@@ -1,0 +1,56 @@
+#ifndef MEDIAD_MEDIA_MEDIA_CACHE_H
+#define MEDIAD_MEDIA_MEDIA_CACHE_H
+
+#include <boost/interprocess/shared_memory_object.hpp>
+#include <boost/interprocess/sync/named_mutex.hpp>
+#include <map>
+#include <string>
+
+#include "clip_examiner.h"
+
+namespace nevo::media {
+
+// The clips and playlists of the medium in use, published to the other processes of the recorder in two shared segments
+// (clip.h draws them). The segments are the state: an object of this class is made for one operation and dropped again,
+// and every operation is a complete read or rewrite under the segment's mutex. The two mutexes are never held together.
+//
+// One thread at a time for an object. Failures of the shared memory, at construction and in every operation, are thrown
+// as boost::interprocess::interprocess_exception.
+class MediaCache : public ClipExaminer {
+public:
+    // Opens or makes the four objects whose names begin with `prefix`, and gives the segments their sizes. What is in
+    // them stays. Their modes are 0777; the semaphores' obey the umask.
+    explicit MediaCache(std::string prefix);
+
+    // Closes everything and removes nothing: the contents survive until the system restarts.
+    ~MediaCache();
+
+    MediaCache(const MediaCache&) = delete;
+    MediaCache& operator=(const MediaCache&) = delete;
+
+    // Whether AddClip of this path keeps within the segment: there is room, or the clip's name is in it already.
+    // Whoever adds clips asks first, and reports the clip that has to stay out.
+    bool hasRoomFor(const std::string& path);
+
+    // Examines the clip at `path` and stores its record, instead of one of the same name where there is one. The codec
+    // flag tells whether the clip is of the codec of `encodeType`. `option` goes to GrokClip. True when stored; then
+    // `index` is the number of clips in the cache less one, wherever the clip stands. False, with segment and `index`
+    // untouched, when the examination fails or there is no room.
+    bool AddClip(std::string path, unsigned int encodeType, int& index, bool option);
+
+    // Puts every playlist of the segment into `cache` under its name (playlistName), over what is there. True when the
+    // segment has been written to, even with no playlist in it.
+    bool ReadPlaylistCacheFromSharedMemory(std::map<std::string, PlaylistCacheEntry>& cache);
+
+private:
+    // Opened in this order.
+    std::string _prefix;
+    boost::interprocess::shared_memory_object _clipSegment;
+    boost::interprocess::named_mutex _clipMutex;
+    boost::interprocess::shared_memory_object _playlistSegment;
+    boost::interprocess::named_mutex _playlistMutex;
+};
+
+} // namespace nevo::media
+
+#endif
