@@ -27,6 +27,8 @@ public:
     CQRD5Card(unsigned short boardIndex, bool local, unsigned short boardType, const char* hostName);
     virtual ~CQRD5Card();
 
+    // Open and the destructor want the card to themselves. After Close, which may come at any time, and before Open
+    // every register operation is false.
     virtual bool Open(unsigned short boardIndex, bool shared, unsigned short boardType, const char* hostName);
     virtual bool Close();
 
