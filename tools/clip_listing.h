@@ -1,0 +1,15 @@
+#ifndef MEDIAD_TOOLS_CLIP_LISTING_H
+#define MEDIAD_TOOLS_CLIP_LISTING_H
+
+// The clips and playlists of the medium in use, as the shared segments hold them. Where there are no segments yet, the
+// list is empty and a line on standard error says so.
+
+#include "tools/outcome.h"
+
+// As a table, or as a JSON array of {index, name, time, encode_match, attributes{}}.
+Outcome listClips(bool json);
+
+// As a table, or as a JSON array of {index, name, path, modified, text}.
+Outcome listPlaylists(bool json);
+
+#endif

@@ -1,0 +1,25 @@
+#ifndef MEDIAD_TOOLS_MEDIA_REQUESTS_H
+#define MEDIAD_TOOLS_MEDIA_REQUESTS_H
+
+// The requests that mediad takes through command parameters, each followed to its answer. Every one of them begins to
+// watch before it writes, so that no answer is missed. `patience` is how long the answer may take; without one in time
+// the outcome is Failed and the request stays posted.
+
+#include <chrono>
+
+#include "tools/outcome.h"
+
+// Counts one more, or one less, process that uses the medium in use.
+Outcome acquireStorage(std::chrono::seconds patience);
+Outcome releaseStorage(std::chrono::seconds patience);
+
+// Releases the medium in use and takes the next slot's.
+Outcome changeToNextSlot(std::chrono::seconds patience);
+
+// Has the selected slot activated again. mediad does not answer this one: Done means that the request was posted.
+Outcome remountSelectedSlot();
+
+// Ends mediad; Done when it has cleaned up, or is gone together with the store.
+Outcome shutDown(std::chrono::seconds patience);
+
+#endif
