@@ -6,8 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
-#include <iostream>
 #include <limits>
 #include <map>
 #include <vector>
@@ -15,9 +13,9 @@
 #include "clip_examination.h"
 #include "clip_examiner.h"
 #include "clip_file.h"
-#include "daemonizer.h"
 #include "encode_type.h"
 #include "parameters.h"
+#include "platform/pellix/diagnostic_line.h"
 #include "shared_segment.h"
 
 using namespace nevo::media;
@@ -55,19 +53,17 @@ bool isClipPath(const std::string& path) {
 // no clip extension belongs to the name ("Scene 1.5").
 std::string withoutExtension(const std::string& name) { return isClipPath(name) ? ClipExaminer::clipName(name) : name; }
 
-void report(const std::string& text) { std::cerr << Daemonizer::name + text + '\n'; }
-
 // The names in a directory, sorted, so that a scan does not depend on how the file system arranges them.
 std::vector<std::string> listDirectory(const std::string& path) {
     std::vector<std::string> names;
     DIR* directory = ::opendir(path.c_str());
     if (directory == nullptr) {
-        report(" ClipFinder - cannot read " + path + ": " + std::strerror(errno));
+        writeDiagnosticLine(" ClipFinder - cannot read " + path, errno);
         return names;
     }
     errno = 0;
     while (const dirent* entry = ::readdir(directory)) names.emplace_back(entry->d_name);
-    if (errno != 0) report(" ClipFinder - reading " + path + " ended early: " + std::strerror(errno));
+    if (errno != 0) writeDiagnosticLine(" ClipFinder - reading " + path + " ended early", errno);
     ::closedir(directory);
     std::sort(names.begin(), names.end());
     return names;
@@ -155,8 +151,8 @@ void ClipFinder::scanMedia(std::string path) {
         found.add(clip);
     }
     if (found.leftOut() != 0)
-        report(" ClipFinder - " + path + " has more clips than the cache has room for, left out the " +
-               std::to_string(found.leftOut()) + " oldest");
+        writeDiagnosticLine(" ClipFinder - " + path + " has more clips than the cache has room for, left out the " +
+                            std::to_string(found.leftOut()) + " oldest");
     storeClips(_handles->clips, _handles->clipMutex, found.take());
     storePlaylists(_handles->playlists, _handles->playlistMutex, {});
 }
