@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <span>
 
+namespace mediactl {
+
 namespace {
 
 struct AlarmName {
@@ -47,3 +49,5 @@ std::vector<std::string> alarmNames(std::uint32_t alarms, std::uint32_t extended
     addNames(result, extendedAlarms, kExtendedAlarms, "extended ");
     return result;
 }
+
+} // namespace mediactl

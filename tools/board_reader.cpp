@@ -11,6 +11,8 @@
 
 #include "serial_number_ossik.h"
 
+namespace mediactl {
+
 namespace {
 
 constexpr char kFolder[] = "/usr/local/share/specs/";
@@ -23,9 +25,11 @@ constexpr int kMaxInstructions = 50'000'000;
 constexpr char kHarmless[] = R"(
     local nothing = function() end
     local open = io.open
-    print = nothing
+    local sink = setmetatable({}, { __index = function() return function(self) return self end end })
+    local toSink = function() return sink end
+    print, io.write, io.output, io.stdout, io.stderr = nothing, toSink, toSink, sink, sink
     io.open = function(name) return open(name) end
-    io.popen, io.write, io.output, io.tmpfile, io.stdout, io.stderr = nothing, nothing, nothing, nothing, nil, nil
+    io.popen, io.tmpfile = nothing, nothing
     os.execute, os.exit, os.remove, os.rename, os.tmpname = nothing, nothing, nothing, nothing, nothing
     debug = nil
 )";
@@ -161,3 +165,5 @@ Board readBoard() {
     for (auto& [name, slot] : slots) board.slots.push_back(std::move(slot));
     return board;
 }
+
+} // namespace mediactl

@@ -11,6 +11,8 @@
 
 #include "config_events.h"
 
+namespace mediactl {
+
 struct BoardSensor {
     std::uint32_t reg = 0;
     std::uint32_t mask = 0;
@@ -38,5 +40,7 @@ struct Board {
 // Runs the board specification file of the board that this machine says it is. The chunk can neither print nor change
 // anything, and is stopped when it does not end.
 Board readBoard();
+
+} // namespace mediactl
 
 #endif

@@ -8,6 +8,8 @@
 #include "card_register_file.h"
 #include "tools/parameter_text.h"
 
+namespace mediactl {
+
 namespace {
 
 struct Field {
@@ -74,3 +76,5 @@ Outcome writeCard(const std::string& reg, const std::string& value, const std::s
         return fail(Outcome::Failed, "the register cannot be written");
     return Outcome::Done;
 }
+
+} // namespace mediactl

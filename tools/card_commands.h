@@ -8,6 +8,8 @@
 
 #include "tools/outcome.h"
 
+namespace mediactl {
+
 // Makes the register file; one that exists keeps its registers.
 Outcome createCard();
 
@@ -15,5 +17,7 @@ Outcome createCard();
 Outcome readCard(const std::string& reg, const std::string& mask, const std::string& shift);
 
 Outcome writeCard(const std::string& reg, const std::string& value, const std::string& mask, const std::string& shift);
+
+} // namespace mediactl
 
 #endif

@@ -11,6 +11,8 @@
 #include "tools/json_text.h"
 #include "tools/safe_text.h"
 
+namespace mediactl {
+
 namespace {
 
 using nevo::media::fieldText;
@@ -123,3 +125,5 @@ Outcome list(const SegmentReading<Record>& reading, bool json) {
 Outcome listClips(bool json) { return list(nevo::media::readClips(), json); }
 
 Outcome listPlaylists(bool json) { return list(nevo::media::readPlaylists(), json); }
+
+} // namespace mediactl

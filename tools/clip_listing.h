@@ -6,10 +6,14 @@
 
 #include "tools/outcome.h"
 
+namespace mediactl {
+
 // As a table, or as a JSON array of {index, name, time, encode_match, attributes{}}.
 Outcome listClips(bool json);
 
 // As a table, or as a JSON array of {index, name, path, modified, text}.
 Outcome listPlaylists(bool json);
+
+} // namespace mediactl
 
 #endif

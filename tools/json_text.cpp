@@ -2,6 +2,8 @@
 
 #include "tools/safe_text.h"
 
+namespace mediactl {
+
 Json jsonObject() { return Json(cJSON_CreateObject()); }
 
 Json jsonArray() { return Json(cJSON_CreateArray()); }
@@ -31,3 +33,5 @@ std::string writtenOut(const Json& document, bool indented) {
         indented ? cJSON_Print(document.get()) : cJSON_PrintUnformatted(document.get()), &cJSON_free);
     return text ? std::string(text.get()) : std::string();
 }
+
+} // namespace mediactl

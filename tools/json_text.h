@@ -9,6 +9,8 @@
 #include <memory>
 #include <string>
 
+namespace mediactl {
+
 struct JsonDeleter {
     void operator()(cJSON* item) const { cJSON_Delete(item); }
 };
@@ -29,5 +31,7 @@ void addElement(const Json& to, Json value);
 
 // The document as text, without a line feed behind it: indented for people, or all of it on one line.
 std::string writtenOut(const Json& document, bool indented);
+
+} // namespace mediactl
 
 #endif

@@ -6,7 +6,9 @@
 
 #include "parameters.h"
 #include "store_watcher.h"
-#include "tools/store_client.h"
+#include "tools/store_connection.h"
+
+namespace mediactl {
 
 namespace {
 
@@ -28,10 +30,16 @@ public:
           _patience(patience),
           _end(Clock::now() + patience),
           _watcher(StoreWatcher::connect({answer})),
-          _store(_watcher ? StoreClient::connect(StoreClient::Access::ReadWrite) : nullptr) {}
+          _store(_watcher ? StoreConnection::connect(StoreConnection::Access::ReadWrite) : nullptr) {}
 
     bool connected() const { return _store != nullptr; }
-    StoreClient& store() { return *_store; }
+    StoreConnection& store() { return *_store; }
+
+    // Writes the request. A store that is lost over it may have taken it: Done then, and next tells what came of it.
+    Outcome post(eParam_t id, std::int32_t value) {
+        const int status = _store->write(id, ParameterValue{true, value, {}});
+        return status == kConfigUnreachable ? Outcome::Done : outcomeOf(status, id);
+    }
 
     enum class News { Value, TimedOut, Lost };
 
@@ -73,7 +81,7 @@ private:
     std::chrono::seconds _patience;
     Clock::time_point _end;
     std::unique_ptr<StoreWatcher> _watcher;
-    std::unique_ptr<StoreClient> _store;
+    std::unique_ptr<StoreConnection> _store;
 };
 
 Outcome postMediaCommand(std::int32_t command, std::chrono::seconds patience) {
@@ -90,7 +98,7 @@ Outcome postMediaCommand(std::int32_t command, std::chrono::seconds patience) {
             return fail(Outcome::Failed, "an erase of the medium is waiting to be taken up; not disturbing it");
     }
 
-    const Outcome outcome = conversation.store().request(kParamMediaCommand, command);
+    const Outcome outcome = conversation.post(kParamMediaCommand, command);
     if (outcome != Outcome::Done) return outcome;
 
     // Other processes post here as well, and each command is acknowledged on its own: ours is when none is left open.
@@ -132,7 +140,7 @@ Outcome changeToNextSlot(std::chrono::seconds patience) {
     Conversation conversation(kParamSlotChangeCommand, patience);
     if (!conversation.connected()) return failNobodyServes();
     // Posted even where a request stands already: mediad may have been started anew since and know nothing of it.
-    const Outcome outcome = conversation.store().request(kParamSlotChangeCommand, kNextSlot);
+    const Outcome outcome = conversation.post(kParamSlotChangeCommand, kNextSlot);
     if (outcome != Outcome::Done) return outcome;
 
     bool posted = false;
@@ -148,8 +156,10 @@ Outcome changeToNextSlot(std::chrono::seconds patience) {
 }
 
 Outcome remountSelectedSlot() {
-    const std::unique_ptr<StoreClient> store = StoreClient::connect(StoreClient::Access::ReadWrite);
-    return store ? store->request(kParamSlotRemountCommand, kRemount) : failNobodyServes();
+    const std::unique_ptr<StoreConnection> store = StoreConnection::connect(StoreConnection::Access::ReadWrite);
+    if (!store) return failNobodyServes();
+    const int status = store->write(kParamSlotRemountCommand, ParameterValue{true, kRemount, {}});
+    return outcomeOf(status, kParamSlotRemountCommand);
 }
 
 Outcome shutDown(std::chrono::seconds patience) {
@@ -157,7 +167,7 @@ Outcome shutDown(std::chrono::seconds patience) {
     if (!conversation.connected()) return failNobodyServes();
     // One that has cleaned up already writes its status no more.
     const bool down = conversation.store().integer(kParamMediaDaemonStatus) == kCleanedUp;
-    const Outcome outcome = conversation.store().request(kParamSystemCommand, kShutDown);
+    const Outcome outcome = conversation.post(kParamSystemCommand, kShutDown);
     if (outcome != Outcome::Done || down) return outcome;
 
     for (;;) {
@@ -170,3 +180,5 @@ Outcome shutDown(std::chrono::seconds patience) {
         if (status == kCleanedUp) return Outcome::Done;
     }
 }
+
+} // namespace mediactl

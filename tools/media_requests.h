@@ -9,6 +9,8 @@
 
 #include "tools/outcome.h"
 
+namespace mediactl {
+
 // Counts one more, or one less, process that uses the medium in use.
 Outcome acquireStorage(std::chrono::seconds patience);
 Outcome releaseStorage(std::chrono::seconds patience);
@@ -21,5 +23,7 @@ Outcome remountSelectedSlot();
 
 // Ends mediad; Done when it has cleaned up, or is gone together with the store.
 Outcome shutDown(std::chrono::seconds patience);
+
+} // namespace mediactl
 
 #endif

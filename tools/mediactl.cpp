@@ -14,6 +14,7 @@
 #include "tools/parameter_commands.h"
 #include "tools/status_report.h"
 
+namespace mediactl {
 namespace {
 
 constexpr char kAbout[] =
@@ -163,12 +164,12 @@ void defineCard(CLI::App& app, CommandLine& line) {
 Outcome run(int argc, char** argv) {
     CommandLine line;
     CLI::App app(kAbout, "mediactl");
-    app.footer(kMore);
     app.require_subcommand(1);
     defineViews(app, line);
     defineParameterCommands(app, line);
     defineRequests(app, line);
     defineCard(app, line);
+    app.footer(kMore); // now, or every command inherits it
 
     try {
         app.parse(argc, argv);
@@ -182,8 +183,10 @@ Outcome run(int argc, char** argv) {
 }
 
 } // namespace
+} // namespace mediactl
 
 int main(int argc, char** argv) {
+    using namespace mediactl;
     Outcome outcome = run(argc, argv);
     std::cout.flush();
     if (!std::cout && outcome == Outcome::Done) outcome = fail(Outcome::Failed, "the output cannot be written");

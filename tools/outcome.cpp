@@ -4,6 +4,8 @@
 
 #include "tools/safe_text.h"
 
+namespace mediactl {
+
 void say(const std::string& line) {
     // Whatever went to standard output belongs in front of this line where both go to one place.
     std::cout.flush();
@@ -18,3 +20,5 @@ Outcome fail(Outcome outcome, const std::string& line) {
 Outcome failNobodyServes() {
     return fail(Outcome::NobodyServes, "nobody serves the parameter store (neither mediad nor paramd is running)");
 }
+
+} // namespace mediactl

@@ -5,6 +5,9 @@
 
 #include <string>
 
+// mediactl has a namespace because a program's symbols win over those of the same name inside the shared libraries.
+namespace mediactl {
+
 enum class Outcome : int {
     Done = 0,
     Failed = 1,       // refused, or tried and not done
@@ -20,5 +23,7 @@ Outcome fail(Outcome outcome, const std::string& line);
 
 // The one wording for a store that nobody hosts.
 Outcome failNobodyServes();
+
+} // namespace mediactl
 
 #endif

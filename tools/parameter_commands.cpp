@@ -6,8 +6,10 @@
 
 #include "tools/parameter_text.h"
 #include "tools/safe_text.h"
-#include "tools/store_client.h"
+#include "tools/store_connection.h"
 #include "tools/store_watch.h"
+
+namespace mediactl {
 
 namespace {
 
@@ -35,7 +37,7 @@ std::string valueText(const ParameterValue& value) {
 }
 
 // The type that a value for `id` must have; integerLike: what was given could be one.
-Outcome typeFor(StoreClient& store, eParam_t id, bool integerLike, bool& isInteger) {
+Outcome typeFor(StoreConnection& store, eParam_t id, bool integerLike, bool& isInteger) {
     if (const ParameterDescriptor* descriptor = findParameter(id)) {
         isInteger = descriptor->type == ParameterType::Integer;
         return Outcome::Done;
@@ -51,7 +53,7 @@ Outcome typeFor(StoreClient& store, eParam_t id, bool integerLike, bool& isInteg
 Outcome getParameters(const std::vector<std::string>& parameters) {
     std::vector<eParam_t> identifiers;
     if (!parseAll(parameters, identifiers)) return Outcome::WrongUsage;
-    const std::unique_ptr<StoreClient> store = StoreClient::connect(StoreClient::Access::Read);
+    const std::unique_ptr<StoreConnection> store = StoreConnection::connect(StoreConnection::Access::Read);
     if (!store) return failNobodyServes();
 
     std::string lines;
@@ -76,7 +78,7 @@ Outcome setParameter(const std::string& parameter, const std::string& value) {
     const ParameterDescriptor* descriptor = findParameter(*id);
     if (descriptor && descriptor->type == ParameterType::Integer && !integer) return failNoInteger();
 
-    const std::unique_ptr<StoreClient> store = StoreClient::connect(StoreClient::Access::ReadWrite);
+    const std::unique_ptr<StoreConnection> store = StoreConnection::connect(StoreConnection::Access::ReadWrite);
     if (!store) return failNobodyServes();
     ParameterValue given;
     const Outcome outcome = typeFor(*store, *id, integer.has_value(), given.isInteger);
@@ -119,3 +121,5 @@ Outcome listParameters() {
                   << padded(parameter.access, 3) << "  " << parameter.meaning << '\n';
     return Outcome::Done;
 }
+
+} // namespace mediactl

@@ -8,6 +8,8 @@
 
 #include "tools/outcome.h"
 
+namespace mediactl {
+
 // The values, one a line, in the order asked for. Nothing is printed unless all of them can be.
 Outcome getParameters(const std::vector<std::string>& parameters);
 
@@ -20,5 +22,7 @@ Outcome watchParameters(const std::vector<std::string>& parameters);
 
 // The table of parameters; needs no store.
 Outcome listParameters();
+
+} // namespace mediactl
 
 #endif

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <limits>
 
+namespace mediactl {
+
 namespace {
 
 // The whole of `text` as a number in `base`, or nullopt.
@@ -63,3 +65,5 @@ std::string nameOf(eParam_t id) {
     const ParameterDescriptor* descriptor = findParameter(id);
     return descriptor ? descriptor->name : "-";
 }
+
+} // namespace mediactl

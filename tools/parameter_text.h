@@ -9,6 +9,8 @@
 
 #include "parameters.h"
 
+namespace mediactl {
+
 // A 32-bit signed value: decimal from -2147483648 to 2147483647, or hexadecimal with 0x, where 0xffffffff is -1.
 // Nothing else, no blanks, no plus sign: nullopt.
 std::optional<std::int32_t> parseInteger(const std::string& text);
@@ -24,5 +26,7 @@ std::string identifierText(eParam_t id);
 
 // The name in the table, or "-" for an identifier that is not in it.
 std::string nameOf(eParam_t id);
+
+} // namespace mediactl
 
 #endif

@@ -8,6 +8,8 @@
 #include "tools/json_text.h"
 #include "tools/safe_text.h"
 
+namespace mediactl {
+
 namespace {
 
 constexpr std::size_t kLabelWidth = 16;
@@ -39,7 +41,7 @@ private:
 // Reads parameters one after the other and remembers whether the store was there for all of them.
 class Reader {
 public:
-    explicit Reader(StoreClient& store) : _store(store) {}
+    explicit Reader(StoreConnection& store) : _store(store) {}
 
     std::int32_t integer(eParam_t id) { return read(id).integer; }
     std::string text(eParam_t id) { return read(id).text; }
@@ -64,7 +66,7 @@ private:
         return value;
     }
 
-    StoreClient& _store;
+    StoreConnection& _store;
     bool _reached = true;
 };
 
@@ -107,7 +109,7 @@ std::string slotName(std::int32_t slot) {
     }
 }
 
-bool readStatus(StoreClient& store, const Board& board, RecorderStatus& status) {
+bool readStatus(StoreConnection& store, const Board& board, RecorderStatus& status) {
     Reader reader(store);
     status.selectedSlot = reader.integer(kParamSelectedSlot);
     status.volume = reader.text(kParamVolumeName);
@@ -177,3 +179,5 @@ std::string statusJson(const RecorderStatus& status, bool indented) {
     addMember(object, "slots", std::move(slots));
     return writtenOut(object, indented);
 }
+
+} // namespace mediactl

@@ -9,7 +9,9 @@
 
 #include "config_events.h"
 #include "tools/board_reader.h"
-#include "tools/store_client.h"
+#include "tools/store_connection.h"
+
+namespace mediactl {
 
 struct SlotStatus {
     std::string name;
@@ -34,7 +36,7 @@ struct RecorderStatus {
 };
 
 // False when nobody serves the store at the moment; `status` is then incomplete.
-bool readStatus(StoreClient& store, const Board& board, RecorderStatus& status);
+bool readStatus(StoreConnection& store, const Board& board, RecorderStatus& status);
 
 // The parameters that a picture is made of.
 std::vector<eParam_t> statusParameters(const Board& board);
@@ -48,5 +50,7 @@ std::string statusText(const RecorderStatus& status);
 // An object with the keys selected_slot (a name, or null), volume, storage_path, capacity, alarms, loading, progress,
 // transport and slots.
 std::string statusJson(const RecorderStatus& status, bool indented);
+
+} // namespace mediactl
 
 #endif

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <cstdio>
 
+namespace mediactl {
+
 namespace {
 
 struct CodePoint {
@@ -104,3 +106,5 @@ std::string padded(std::string text, std::size_t width) {
     if (used < width) text.append(width - used, ' ');
     return text;
 }
+
+} // namespace mediactl

@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+namespace mediactl {
+
 // For a terminal and for one line: control characters, direction marks and bytes that are no UTF-8 come out as
 // \n, \t, \xHH or \u{HHHH}; everything else, the backslash too, stays as it is.
 std::string printable(std::string_view text);
@@ -19,5 +21,7 @@ std::size_t columns(std::string_view text);
 
 // `text` with blanks behind it up to `width` columns.
 std::string padded(std::string text, std::size_t width);
+
+} // namespace mediactl
 
 #endif

@@ -9,6 +9,8 @@
 #include "tools/recorder_status.h"
 #include "tools/store_watch.h"
 
+namespace mediactl {
+
 namespace {
 
 // Registers change without an event, so they are looked at as often as mediad itself looks at them.
@@ -49,7 +51,7 @@ void drain(StoreWatch& watch, StoreWatch::Result first) {
 } // namespace
 
 Outcome showStatus(bool json) {
-    const std::unique_ptr<StoreClient> store = StoreClient::connect(StoreClient::Access::Read);
+    const std::unique_ptr<StoreConnection> store = StoreConnection::connect(StoreConnection::Access::Read);
     if (!store) return failNobodyServes();
     RecorderStatus status;
     if (!readStatus(*store, boardOrComplaint(), status)) return failNobodyServes();
@@ -58,7 +60,7 @@ Outcome showStatus(bool json) {
 }
 
 Outcome watchStatus(bool json) {
-    const std::unique_ptr<StoreClient> store = StoreClient::connect(StoreClient::Access::Read);
+    const std::unique_ptr<StoreConnection> store = StoreConnection::connect(StoreConnection::Access::Read);
     if (!store) return failNobodyServes();
     const Board board = boardOrComplaint();
     StoreWatch watch(statusParameters(board));
@@ -89,3 +91,5 @@ Outcome watchStatus(bool json) {
     }
     return Outcome::Done; // main reports that standard output does not take any more
 }
+
+} // namespace mediactl

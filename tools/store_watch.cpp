@@ -5,6 +5,8 @@
 
 #include "tools/outcome.h"
 
+namespace mediactl {
+
 namespace {
 constexpr std::chrono::seconds kReconnectInterval{1};
 }
@@ -42,3 +44,5 @@ StoreWatch::Result StoreWatch::next(ConfigEvent& event, int milliseconds) {
         }
     }
 }
+
+} // namespace mediactl

@@ -10,6 +10,8 @@
 
 #include "store_watcher.h"
 
+namespace mediactl {
+
 class StoreWatch {
 public:
     enum class Result {
@@ -33,5 +35,7 @@ private:
     std::unique_ptr<StoreWatcher> _watcher;
     std::chrono::steady_clock::time_point _nextAttempt; // while there is no watcher
 };
+
+} // namespace mediactl
 
 #endif

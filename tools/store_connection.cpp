@@ -1,17 +1,19 @@
-#include "tools/store_client.h"
+#include "tools/store_connection.h"
 
 #include "tools/parameter_text.h"
 
-std::unique_ptr<StoreClient> StoreClient::connect(Access access) {
+namespace mediactl {
+
+std::unique_ptr<StoreConnection> StoreConnection::connect(Access access) {
     CreateDescriptors();
     Config* config = GetMappingConfig("udp", access == Access::Read, false);
     if (!config) return nullptr;
-    return std::unique_ptr<StoreClient>(new StoreClient(config));
+    return std::unique_ptr<StoreConnection>(new StoreConnection(config));
 }
 
-StoreClient::~StoreClient() { ConfigFactoryImpl::GetInstance().release(_config); }
+StoreConnection::~StoreConnection() { ConfigFactoryImpl::GetInstance().release(_config); }
 
-int StoreClient::read(eParam_t id, ParameterValue& value) {
+int StoreConnection::read(eParam_t id, ParameterValue& value) {
     // An identifier outside the table has the type of its first write, which only the store knows.
     const ParameterDescriptor* descriptor = findParameter(id);
     if (!descriptor || descriptor->type == ParameterType::Integer) {
@@ -25,22 +27,14 @@ int StoreClient::read(eParam_t id, ParameterValue& value) {
     return _config->getString(id, value.text);
 }
 
-int StoreClient::write(eParam_t id, const ParameterValue& value) {
+int StoreConnection::write(eParam_t id, const ParameterValue& value) {
     return value.isInteger ? _config->setInteger(id, value.integer) : _config->setString(id, value.text);
 }
 
-std::int32_t StoreClient::integer(eParam_t id, std::int32_t otherwise) {
+std::int32_t StoreConnection::integer(eParam_t id, std::int32_t otherwise) {
     int value = otherwise;
     return _config->getInteger(id, &value) == kConfigOk ? value : otherwise;
 }
-
-std::string StoreClient::text(eParam_t id) {
-    std::string value;
-    _config->getString(id, value);
-    return value;
-}
-
-Outcome StoreClient::request(eParam_t id, std::int32_t value) { return outcomeOf(_config->setInteger(id, value), id); }
 
 Outcome outcomeOf(int status, eParam_t id) {
     const ParameterDescriptor* descriptor = findParameter(id);
@@ -56,3 +50,5 @@ Outcome outcomeOf(int status, eParam_t id) {
     default: return fail(Outcome::Failed, name + ": the store answers with status " + std::to_string(status));
     }
 }
+
+} // namespace mediactl
