@@ -44,7 +44,9 @@ bool findGroup(const char* name, gid_t& id) {
 
 } // namespace
 
-StoreServer::StoreServer(StoreEngine& engine) : _engine(engine), _life(newLife()), _buffer(local_socket::kBufferSize) {}
+StoreServer::StoreServer(StoreEngine& engine)
+    : _engine(engine), _life(newLife()), _resync(std::make_shared<const wire::Packet>(wire::resync())),
+      _buffer(local_socket::kBufferSize) {}
 
 StoreServer::~StoreServer() { stop(); }
 
@@ -159,8 +161,7 @@ void StoreServer::thinOut(Connection& connection) {
     }
     connection.queue.clear();
     for (Outgoing& outgoing : kept) enqueue(connection, std::move(outgoing));
-    static const auto resync = std::make_shared<const wire::Packet>(wire::resync());
-    if (connection.queue.back().kind != Kind::Resync) enqueue(connection, {Kind::Resync, 0, resync, {}});
+    if (connection.queue.back().kind != Kind::Resync) enqueue(connection, {Kind::Resync, 0, _resync, {}});
     connection.thinAtEvents = std::max(kWatcherEvents, 2 * connection.queue.size());
     connection.thinAtBytes = std::max(kWatcherBytes, 2 * connection.bytes);
 }
@@ -305,8 +306,13 @@ bool StoreServer::subscribe(Connection& connection, std::uint32_t request, wire:
             enqueue(connection, {Kind::Answer, 0, std::make_shared<const wire::Packet>(std::move(packet)), {}});
         };
         if (subscription.values) {
-            for (const auto& [id, entry] : table)
-                if (connection.wanted.empty() || connection.wanted.contains(id)) add(wire::value(request, id, entry));
+            // In the order of their sets: to a client that comes back some of them are sets that it has missed.
+            std::vector<const StoreTable::value_type*> values;
+            for (const auto& value : table)
+                if (connection.wanted.empty() || connection.wanted.contains(value.first)) values.push_back(&value);
+            std::sort(values.begin(), values.end(),
+                      [](const auto* one, const auto* other) { return one->second.sequence < other->second.sequence; });
+            for (const auto* each : values) add(wire::value(request, each->first, each->second));
         }
         add(wire::status(request, kConfigOk));
         connection.thinAtEvents = kWatcherEvents + connection.queue.size();

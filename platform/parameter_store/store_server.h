@@ -107,6 +107,7 @@ private:
 
     StoreEngine& _engine;
     const std::uint64_t _life;
+    const std::shared_ptr<const wire::Packet> _resync;
     bool _groupExists = false;
     gid_t _group = 0;
     const char* _path = nullptr;
