@@ -75,7 +75,6 @@ class Media(World):
     def test_second_medium_is_put_off_the_bus(self):
         self.insert(0, "sdb")
         self.in_use()
-        os.makedirs("/sys/block/sdc/device")
         self.insert(1, "sdc")
         eventually(lambda: read("/sys/block/sdc/device/delete") == "1", "the second disk to be deleted")
         self.assertEqual(get("kParamSelectedSlot"), "1")
@@ -83,7 +82,6 @@ class Media(World):
     def test_slot_change_releases_and_takes_the_next(self):
         self.insert(0, "sdb")
         self.in_use()
-        os.makedirs("/sys/block/sdb/device", exist_ok=True)
         mediactl("slot", "next")
         eventually(lambda: get("kParamSelectedSlot") == "0", "the release")
         self.assertEqual(get("kParamVolumeName"), "N/A")
@@ -164,8 +162,7 @@ class Media(World):
 
     def test_medium_in_the_slot_at_power_on(self):
         self.daemon.stop()
-        write("/run/world/disk/sdb", "clean")
-        write("/run/world/label/sdb", "EARLY")
+        self.disk("sdb", label="EARLY")
         self.pin(0, True)
         # The driver's scan makes the kernel repeat its announcements; here the scan of the slot's bus does.
         self.daemon = self.start()

@@ -126,7 +126,7 @@ class Daemon:
 
 class World(unittest.TestCase):
     def setUp(self):
-        for directory in ("/run/mediad", "/run/world"):
+        for directory in ("/run/mediad", "/run/world", "/sys/block"):
             subprocess.run(["rm", "-rf", directory], check=True)
         for leftover in os.listdir("/dev/shm"):
             os.unlink("/dev/shm/" + leftover)
@@ -147,6 +147,11 @@ class World(unittest.TestCase):
     def tearDown(self):
         for daemon in self.daemons:
             daemon.stop()
+        outcome = self._outcome.result
+        if any(test is self for test, _ in outcome.failures + outcome.errors):
+            for daemon in self.daemons:
+                print("--- standard error of the daemon\n" + daemon.log(), flush=True)
+            print("--- calls\n" + "\n".join(self.journal()), flush=True)
         self.uevents.socket.close()
 
     def board(self, text):
@@ -162,14 +167,21 @@ class World(unittest.TestCase):
         mask = 0x10 << slot
         mediactl("card", "write", "61", str(1 if present else 0), "--mask", hex(mask), "--shift", str(4 + slot))
 
-    def insert(self, slot, device, condition="clean", label="DAY 1"):
+    def disk(self, device, condition="clean", label="DAY 1"):
         write(f"/run/world/disk/{device}", condition)
         write(f"/run/world/label/{device}", label)
+        os.makedirs(f"/sys/block/{device}/device", exist_ok=True)
+        write(f"/sys/block/{device}/queue/scheduler", "[none] mq-deadline")
+
+    def insert(self, slot, device, condition="clean", label="DAY 1"):
+        self.disk(device, condition, label)
         self.pin(slot, True)
         self.uevents.send("add", device, slot)
 
     def in_use(self, slot="S1"):
-        eventually(lambda: get("kParamStoragePath") == f"/mnt/{slot}/NEVO", f"{slot} to be in use")
+        # The path alone will not do: it is published during the short mounts of an activation too.
+        eventually(lambda: get("kParamSelectedSlot") == slot[1] and get("kParamStoragePath") == f"/mnt/{slot}/NEVO",
+                   f"{slot} to be in use")
 
     def journal(self):
         return read("/run/world/journal").splitlines()
