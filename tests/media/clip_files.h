@@ -14,7 +14,9 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace clipfiles {
@@ -27,7 +29,9 @@ inline constexpr char kPlaylistMutex[] = "/dev/shm/sem.NewCacheSharedPlaylistCac
 inline std::string readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     EXPECT_TRUE(in.is_open()) << path;
-    return {std::istreambuf_iterator<char>(in), {}};
+    std::ostringstream bytes;
+    bytes << in.rdbuf();
+    return bytes.str();
 }
 
 inline void writeFile(const std::string& path, const std::string& bytes) {

@@ -22,7 +22,7 @@ namespace {
 
 constexpr std::size_t kLargestAllocation = std::size_t{64} << 20;
 constexpr int kBufferSize = 32 * 1024;
-// A day's worth of sample tables is a tenth of this. A file that makes the reader ask for more is made to keep it busy.
+// A day's worth of sample tables is a small part of this. A file that asks for more was made to keep the reader busy.
 constexpr std::int64_t kReadBudget = std::int64_t{256} << 20;
 
 // Where the reader stands in the file.
