@@ -218,9 +218,11 @@ TEST_F(DaemonizerTest, WhatWasBufferedIsWrittenOnce) {
 }
 
 TEST_F(DaemonizerTest, HasOneThreadAndNoSocketWhenDaemonizeReturns) {
+    // One, or what a sanitizer adds to every process.
+    runInChild([] { writeFile("/tmp/threads", statusOf(getpid(), "Threads")); });
     start();
     ASSERT_GT(_daemon, 0);
-    EXPECT_EQ(statusOf(_daemon, "Threads"), "1");
+    EXPECT_EQ(statusOf(_daemon, "Threads"), contentOf("/tmp/threads"));
     for (const auto& [number, target] : descriptorsOf(_daemon)) EXPECT_EQ(target.find("socket:"), std::string::npos);
 }
 
