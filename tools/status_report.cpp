@@ -42,10 +42,11 @@ private:
     bool _drawn = false;
 };
 
-// Everything that is waiting, so that a burst of changes makes one picture.
+// What is waiting already, so that a burst of changes makes one picture; bounded, or one that does not end makes none.
 void drain(StoreWatch& watch, StoreWatch::Result first) {
     ConfigEvent event;
-    while (first == StoreWatch::Result::Event || first == StoreWatch::Result::Resync) first = watch.next(event, 0);
+    for (int i = 0; i < 1000 && (first == StoreWatch::Result::Event || first == StoreWatch::Result::Resync); ++i)
+        first = watch.next(event, 0);
 }
 
 } // namespace

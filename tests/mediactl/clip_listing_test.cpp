@@ -133,7 +133,8 @@ TEST_F(Listing, ofClipsAsJson) {
             1763696400, 0, "Width\n\n1920\nWidth\n1280\nHeight\n");
     clips.store();
     expectJson("clips", R"([
-        {"index": 0, "name": "Take 1", "time": -1, "encode_match": true, "attributes": {"Format": "1080i", "Encode Type": "1"}},
+        {"index": 0, "name": "Take 1", "time": -1, "encode_match": true,
+         "attributes": {"Format": "1080i", "Encode Type": "1"}},
         {"index": 1, "name": "Straße", "time": 1763696400, "encode_match": false, "attributes": {"Width": "1280"}}])");
     EXPECT_EQ(clips.count(), 1) << "the mutex was given back";
 }

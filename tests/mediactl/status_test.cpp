@@ -18,7 +18,8 @@ board_id = 0x0a3c
 mediaCapabilities = {}
 specification = {
     slots = {
-        { name = "S2", present = { reg = 61, mask = 0x20, shift = 5 }, status = { { type = "register", reg = 62, bit = 1 } } },
+        { name = "S2", present = { reg = 61, mask = 0x20, shift = 5 },
+          status = { { type = "register", reg = 62, bit = 1 } } },
         { name = "S1", present = { reg = 61, mask = 0x10, shift = 0 },
           status = { { type = "register", reg = 62, bit = 0 }, { type = "parameter", param = 0x5c000001 } } },
         { name = "D1", status = {} },
@@ -211,6 +212,8 @@ TEST_P(Boards, giveTheirSlots) {
     set("0x5c000003", "7");
     EXPECT_EQ(member("slots"), GetParam().slots);
     EXPECT_EQ(mediactl({"status"}).errors, "");
+    EXPECT_FALSE(std::filesystem::exists("/tmp/touched"));
+    EXPECT_EQ(std::filesystem::file_size("/etc/board-id"), 9U);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -255,8 +258,10 @@ INSTANTIATE_TEST_SUITE_P(
                  R"(specification = { slots = { 1, "S1", { name = 7, present = 5, status = 6 } } })",
                  R"([{"name":"7","present":false,"leds":[]}])"},
         BoardRow{"no slots", R"(specification = {})", "[]"},
-        BoardRow{"a chunk that prints", R"(print("x") io.write("x") io.output():write("x") specification = {})",
-                 "missing"},
+        BoardRow{"a chunk that prints",
+                 R"(print("x") io.write("x"):write("y") io.output():write("x") io.stdout:write("x") io.stderr:write("x")
+                    specification = { slots = {} })",
+                 "[]"},
         BoardRow{
             "a chunk that would change things",
             R"(os.execute("touch /tmp/touched") os.remove("/etc/board-id") os.exit(5) io.popen("touch /tmp/touched")
