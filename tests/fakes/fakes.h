@@ -330,7 +330,9 @@ private:
 class FakeOperatingSystem : public OperatingSystem {
 public:
     enum class Threads {
-        // A body waits in `threads` until run() is called, or until somebody waits for a semaphore that is at 0.
+        // A body waits in `threads` until run() is called. While somebody waits for a semaphore that is at 0, the recorded
+        // bodies run in turns on the waiting thread, each up to its next sleep or wait for a uevent; at its next turn
+        // it begins anew (a body is a loop around one step, so that is no difference to it).
         Recorded,
         // Bodies run on real threads at once.
         Started,
@@ -440,6 +442,30 @@ public:
         }
         taken.body(taken.argument);
     }
+    // Gives every recorded body a turn, again and again, until the semaphore can be taken; false when that does not help.
+    bool takeTurns(sem_t* semaphore) {
+        for (int round = 0; round < 100; ++round) {
+            for (std::size_t index = 0;; ++index) {
+                Thread* thread = nullptr;
+                {
+                    const std::lock_guard lock(_lock);
+                    while (index < threads.size() && threads[index].taken) ++index;
+                    if (index == threads.size()) break;
+                    thread = &threads[index];
+                    thread->taken = true;
+                }
+                const bool before = std::exchange(takingTurns, true);
+                try {
+                    thread->body(thread->argument);
+                } catch (const TurnOver&) {
+                    thread->taken = false;
+                }
+                takingTurns = before;
+                if (sem_trywait(semaphore) == 0) return true;
+            }
+        }
+        return false;
+    }
     // Runs the first recorded body that nobody has run; false when there is none.
     bool runNext() {
         std::size_t index = 0;
@@ -467,7 +493,7 @@ public:
         if (semaphoreWaitError != 0) return fail(semaphoreWaitError);
         while (sem_trywait(semaphore) == -1) {
             if (errno != EAGAIN) return -1;
-            if (threadMode == Threads::Recorded && runNext()) continue;
+            if (threadMode == Threads::Recorded && takeTurns(semaphore)) return 0;
             timespec deadline{};
             clock_gettime(CLOCK_REALTIME, &deadline);
             deadline.tv_sec += 30;
@@ -508,6 +534,7 @@ public:
             _changed.wait(lock, [this] { return _woken || !_datagrams.empty() || ueventPollError != 0; });
         if (ueventPollError != 0) return fail(ueventPollError);
         if (_woken) return 0;
+        if (_datagrams.empty() && takingTurns) throw TurnOver{};
         return _datagrams.empty() ? 0 : 1;
     }
     ssize_t receiveUevent(int /*socket*/, void* buffer, std::size_t size) override {
@@ -613,7 +640,12 @@ private:
         errno = error;
         return -1;
     }
+    // How a body that takes turns leaves the stage; no door is called with a lock held, so nothing stays locked.
+    struct TurnOver {};
+    static inline thread_local bool takingTurns = false;
+
     void pass(const std::string& entry, long long nanoseconds) {
+        if (takingTurns) throw TurnOver{};
         if (recordSleeps) _journal.add(entry);
         if (onSleep) onSleep(nanoseconds);
         std::unique_lock lock(_lock);
