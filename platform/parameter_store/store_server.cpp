@@ -96,7 +96,7 @@ void StoreServer::changed(eParam_t id, const StoreEntry& entry, timeval when, co
             if (connection.mode == wire::Mode::Nothing || connection.cutOff) continue;
             if (!connection.wanted.empty() && !connection.wanted.contains(id)) continue;
             if (!packet) packet = std::make_shared<const wire::Packet>(wire::event(id, entry, when));
-            enqueue(connection, {Kind::Event, id, packet, when});
+            enqueue(connection, {Kind::Event, id, packet, when, entry.sequence});
             enforceBounds(connection);
         }
         sleeping = packet && !_awake;
@@ -161,7 +161,7 @@ void StoreServer::thinOut(Connection& connection) {
     }
     connection.queue.clear();
     for (Outgoing& outgoing : kept) enqueue(connection, std::move(outgoing));
-    if (connection.queue.back().kind != Kind::Resync) enqueue(connection, {Kind::Resync, 0, _resync, {}});
+    if (connection.queue.back().kind != Kind::Resync) enqueue(connection, {Kind::Resync, 0, _resync, {}, 0});
     connection.thinAtEvents = std::max(kWatcherEvents, 2 * connection.queue.size());
     connection.thinAtBytes = std::max(kWatcherBytes, 2 * connection.bytes);
 }
@@ -229,7 +229,7 @@ void StoreServer::acceptAll() {
 
 void StoreServer::answer(Connection& connection, wire::Packet packet) {
     const std::lock_guard<std::mutex> lock(_mutex);
-    enqueue(connection, {Kind::Answer, 0, std::make_shared<const wire::Packet>(std::move(packet)), {}});
+    enqueue(connection, {Kind::Answer, 0, std::make_shared<const wire::Packet>(std::move(packet)), {}, 0});
     enforceBoundOfAll();
 }
 
@@ -303,7 +303,7 @@ bool StoreServer::subscribe(Connection& connection, std::uint32_t request, wire:
         connection.mode = subscription.mode;
         connection.wanted = {subscription.identifiers.begin(), subscription.identifiers.end()};
         const auto add = [&](wire::Packet packet) {
-            enqueue(connection, {Kind::Answer, 0, std::make_shared<const wire::Packet>(std::move(packet)), {}});
+            enqueue(connection, {Kind::Answer, 0, std::make_shared<const wire::Packet>(std::move(packet)), {}, 0});
         };
         if (subscription.values) {
             // In the order of their sets: to a client that comes back some of them are sets that it has missed.
@@ -322,25 +322,38 @@ bool StoreServer::subscribe(Connection& connection, std::uint32_t request, wire:
     return true;
 }
 
+local_socket::Io StoreServer::sendOne(Connection& connection, const Outgoing& outgoing) {
+    if (outgoing.packet) {
+        if (outgoing.kind == Kind::Event && !connection.ahead.empty()) {
+            const auto found = connection.ahead.find(outgoing.id);
+            if (found != connection.ahead.end() && found->second >= outgoing.sequence) return local_socket::Io::Done;
+        }
+        return local_socket::send(connection.socket.number(), *outgoing.packet);
+    }
+    StoreEntry entry;
+    if (!_engine.find(outgoing.id, entry)) return local_socket::Io::Done;
+    const local_socket::Io result =
+        local_socket::send(connection.socket.number(), wire::event(outgoing.id, entry, outgoing.when));
+    if (result == local_socket::Io::Done) connection.ahead[outgoing.id] = entry.sequence;
+    return result;
+}
+
 void StoreServer::sendTo(Connection& connection) {
     for (;;) {
         Outgoing first;
         {
             const std::lock_guard<std::mutex> lock(_mutex);
             if (connection.cutOff) connection.gone = true;
-            if (connection.gone || connection.queue.empty()) return;
+            if (connection.gone) return;
+            if (connection.queue.empty()) {
+                connection.ahead.clear();
+                return;
+            }
             first = std::move(connection.queue.front());
             connection.queue.pop_front();
             forget(connection, first);
         }
-        local_socket::Io result = local_socket::Io::Done;
-        if (first.packet) {
-            result = local_socket::send(connection.socket.number(), *first.packet);
-        } else {
-            StoreEntry entry;
-            if (_engine.find(first.id, entry))
-                result = local_socket::send(connection.socket.number(), wire::event(first.id, entry, first.when));
-        }
+        const local_socket::Io result = sendOne(connection, first);
         if (result == local_socket::Io::Done) continue;
         if (result == local_socket::Io::Closed) connection.gone = true;
         const std::lock_guard<std::mutex> lock(_mutex);

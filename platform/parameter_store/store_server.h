@@ -20,6 +20,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -58,6 +59,7 @@ private:
         eParam_t id;                                // of an Event
         std::shared_ptr<const wire::Packet> packet; // null: the event of what the value is when it is sent
         timeval when;
+        std::uint64_t sequence; // of the set that an Event tells of
     };
 
     struct Connection {
@@ -67,6 +69,9 @@ private:
         bool greeted = false;
         bool gone = false;
         std::chrono::steady_clock::time_point since;
+        // Values that were sent later than their event was queued: the set they come from. What is queued of older sets
+        // would only take the watcher back.
+        std::unordered_map<eParam_t, std::uint64_t> ahead;
 
         // Guarded by _mutex, because setting threads fill the queue.
         wire::Mode mode = wire::Mode::Nothing;
@@ -90,6 +95,7 @@ private:
     bool subscribe(Connection& connection, std::uint32_t request, wire::Subscription& subscription);
     void answer(Connection& connection, wire::Packet packet);
     void sendTo(Connection& connection);
+    local_socket::Io sendOne(Connection& connection, const Outgoing& outgoing);
     void bidFarewell();
     void wake();
 
