@@ -158,8 +158,8 @@ INSTANTIATE_TEST_SUITE_P(
         Row{"kParamAlarms", "0x40000", "alarms", R"(["0x00040000"])"},
         Row{"kParamAlarms", "0x800000", "alarms", R"(["media unformatted"])"},
         Row{"kParamAlarms", "0x1000000", "alarms", R"(["media damaged"])"},
-        Row{"kParamAlarms", "0x81016001", "alarms",
-            R"(["hardware failure","capacity low","capacity critical","storage removed","media damaged","0x80000000"])"},
+        Row{"kParamAlarms", "0x80016001", "alarms",
+            R"(["hardware failure","capacity low","capacity critical","storage removed","0x80000000"])"},
         Row{"kParamExtendedAlarms", "0x1", "alarms", R"(["unsupported media"])"},
         Row{"kParamExtendedAlarms", "0x8", "alarms", R"(["codec unsupported for media"])"},
         Row{"kParamExtendedAlarms", "0x10", "alarms", R"(["extended 0x00000010"])"}));
@@ -224,7 +224,7 @@ INSTANTIATE_TEST_SUITE_P(
                  R"([{"name":"S1","present":false,"leds":[]}])"},
         BoardRow{"a shifted value that still covers the mask",
                  R"(specification = { slots = { { name = "S1", present = { reg = 61, mask = 0x10, shift = 4 } },
-                                               { name = "S2", present = { reg = 62, mask = 0x80000001, shift = 0 } } } })",
+                     { name = "S2", present = { reg = 62, mask = 0x80000001, shift = 0 } } } })",
                  R"([{"name":"S1","present":false,"leds":[]},{"name":"S2","present":true,"leds":[]}])"},
         BoardRow{"an empty mask is always covered", R"(specification = { slots = { { name = "S1", present = {} } } })",
                  R"([{"name":"S1","present":true,"leds":[]}])"},
@@ -252,7 +252,7 @@ INSTANTIATE_TEST_SUITE_P(
         BoardRow{
             "numbers as text, and numbers that are none",
             R"(specification = { slots = { { name = "S1", present = { reg = "61", mask = "0x30", shift = "nothing" } },
-                                               { name = "S2", present = { reg = 61.9, mask = 0x30 + 2^32, shift = 0/0 } } } })",
+                { name = "S2", present = { reg = 61.9, mask = 0x30 + 2^32, shift = 0/0 } } } })",
             R"([{"name":"S1","present":true,"leds":[]},{"name":"S2","present":true,"leds":[]}])"},
         BoardRow{"entries that are no tables",
                  R"(specification = { slots = { 1, "S1", { name = 7, present = 5, status = 6 } } })",
