@@ -8,6 +8,14 @@
 #include <functional>
 #include <string>
 
+// Under an emulator of user programs: system calls cannot be filtered, what /proc says about signals is the emulator's, a
+// process cannot become the parent of orphans, and a failing exec looks like a program that ended with 127.
+#ifdef MEDIAD_TEST_EMULATED
+inline constexpr bool kEmulated = true;
+#else
+inline constexpr bool kEmulated = false;
+#endif
+
 // What became of a process, and what it said on standard error.
 struct Ending {
     int status; // exit status, 128 + signal when one ended it

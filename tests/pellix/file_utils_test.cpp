@@ -248,7 +248,7 @@ TEST_F(FileUtilsTest, EnvironmentIsClean) {
 }
 
 TEST_F(FileUtilsTest, UmaskIs022) {
-    for (const mode_t mask : {0, 077}) {
+    for (const mode_t mask : {0U, 077U}) {
         const mode_t before = umask(mask);
         EXPECT_EQ(run("umask").output, "0022\n");
         EXPECT_EQ(run("> /tmp/medium/file; stat -c %a /tmp/medium/file; /bin/rm /tmp/medium/file").output, "644\n");
@@ -572,7 +572,8 @@ TEST_F(FileUtilsTest, MissingShellGives127) {
     });
     if (ending.status == 77) GTEST_SKIP() << "no mounts of one's own here";
     EXPECT_EQ(ending.status, 0);
-    EXPECT_EQ(ending.diagnostics, "Media Manager cannot run a shell command: Permission denied\n");
+    EXPECT_EQ(ending.diagnostics,
+              kEmulated ? "" : "Media Manager cannot run a shell command: Permission denied\n");
 }
 
 TEST_F(FileUtilsTest, NoDescriptorsLeftGives127AndOneLine) {
