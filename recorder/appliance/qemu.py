@@ -222,8 +222,8 @@ class Agent:
         """Runs a shell line; returns its exit status, standard output and standard error. One that takes longer than
         `seconds` is killed."""
         environment = ["PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin", "HOME=/root", "LANG=C.UTF-8", "TERM=dumb"]
-        # A group of its own, so that all of it can be ended.
-        started = self._execute("guest-exec", **{"path": "/usr/bin/setsid", "arg": ["-w", "/bin/bash", "-c", line],
+        # A group of its own, led by the very process that the agent knows, so that all of it can be ended.
+        started = self._execute("guest-exec", **{"path": "/usr/bin/setsid", "arg": ["/bin/bash", "-c", line],
                                                  "env": environment, "capture-output": True})
         deadline = Deadline(seconds)
         pause = 0.005
@@ -232,7 +232,7 @@ class Agent:
             if status["exited"]:
                 break
             if deadline.passed():
-                self._execute("guest-exec", path="/usr/bin/pkill", arg=["-KILL", "-P", str(started["pid"])])
+                self._execute("guest-exec", path="/usr/bin/kill", arg=["-KILL", "--", f"-{started['pid']}"])
                 raise Failure(f"the command did not end within {seconds:g} s: {line}")
             time.sleep(pause)
             pause = min(pause * 1.5, 0.2)
