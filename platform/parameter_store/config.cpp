@@ -6,6 +6,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unordered_set>
 
 #include "platform/parameter_store/local_socket.h"
 #include "platform/parameter_store/store_client.h"
@@ -36,29 +37,29 @@ public:
     Config* openConfig(bool readOnly, bool mayHost) {
         const std::lock_guard<std::mutex> lock(_mutex);
         if (!_host && !_client && !open(mayHost)) return nullptr;
-        ++_objects;
-        if (_host) return new StoreConfig<StoreEngine>(_host->engine(), readOnly);
-        return new StoreConfig<StoreClient>(*_client, readOnly);
+        if (_host) return handOut(new StoreConfig<StoreEngine>(_host->engine(), readOnly));
+        return handOut(new StoreConfig<StoreClient>(*_client, readOnly));
     }
 
     ConfigEventChannel* createEventChannel(const std::string& locator) override {
         const std::lock_guard<std::mutex> lock(_mutex);
         if (locator != kConfigEventLocator) return nullptr;
-        if (_host) {
-            ++_objects;
-            return new StoreChannel<StoreEngine>(_host->engine());
-        }
+        if (_host) return handOut(new StoreChannel<StoreEngine>(_host->engine()));
         if (!_client || !_client->isConnected()) return nullptr;
-        ++_objects;
-        return new StoreChannel<StoreClient>(*_client);
+        return handOut(new StoreChannel<StoreClient>(*_client));
     }
 
     void release(ConfigObject* object) override {
-        if (object == nullptr) return;
+        {
+            const std::lock_guard<std::mutex> lock(_mutex);
+            if (_objects.erase(object) == 0) return;
+            ++_leaving;
+        }
         // Without the lock: it may wait for a callback, which may be about to ask for an object itself.
         delete object;
         const std::lock_guard<std::mutex> lock(_mutex);
-        if (--_objects > 0) return;
+        --_leaving;
+        if (!_objects.empty() || _leaving > 0) return;
         // A callback that gives back the last object stands on the thread that would have to end here. What is left is
         // used by the next object, or ends with the process.
         if ((_host && _host->engine().onDeliveryThread()) || (_client && _client->mirror().onDeliveryThread())) return;
@@ -67,6 +68,12 @@ public:
     }
 
 private:
+    template <typename Object>
+    Object* handOut(Object* object) {
+        _objects.insert(object);
+        return object;
+    }
+
     bool open(bool mayHost) {
         const SteadyClock::time_point deadline = SteadyClock::now() + kHostDeadline;
         for (;;) {
@@ -99,7 +106,8 @@ private:
 
     // Guards everything below. Neither the engine nor the client is ever called back under a lock of theirs.
     std::mutex _mutex;
-    std::size_t _objects = 0;
+    std::unordered_set<ConfigObject*> _objects; // what is out: a program may end without giving it back
+    std::size_t _leaving = 0;                   // what is just being deleted
     std::unique_ptr<StoreHost> _host;
     std::unique_ptr<StoreClient> _client;
 };

@@ -5,18 +5,16 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <map>
-#include <new>
+#include <memory>
 #include <thread>
 
 #include "platform/parameter_store/store_objects.h"
 #include "platform/parameter_store/value_rules.h"
+#include "allocation_count.h"
 #include "recording_listener.h"
 
 namespace {
-
-thread_local std::size_t allocations = 0;
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -29,14 +27,6 @@ const auto integer = RecordingListener::integer;
 const auto text = RecordingListener::text;
 
 } // namespace
-
-void* operator new(std::size_t size) {
-    ++allocations;
-    if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
-    throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 TEST(StoreEngine, descriptorsHaveDefaults) {
     StoreEngine engine;
@@ -332,11 +322,11 @@ TEST(StoreEngine, getOfAnIntegerAllocatesNothing) {
     StoreEngine engine;
     StoreConfig<StoreEngine> config(engine, false);
     config.setInteger(kParamAlarms, 3);
-    const std::size_t before = allocations;
+    const std::size_t before = allocationsOfThisThread();
     int value = config.getInteger(kParamAlarms);
     config.getInteger(kLed, &value);
     config.getInteger(kParamSystemCommand, &value);
-    EXPECT_EQ(allocations, before);
+    EXPECT_EQ(allocationsOfThisThread(), before);
 }
 
 TEST(StoreEngine, identifiersAreBounded) {

@@ -61,6 +61,9 @@ public:
         }
         close(_input);
         close(_output);
+        // A killed program has no exit status to tell of it.
+        const std::string error = said();
+        EXPECT_TRUE(error.find("Sanitizer") == std::string::npos && error.find("runtime error") == std::string::npos) << error;
     }
 
     Program(const Program&) = delete;

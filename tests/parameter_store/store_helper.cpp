@@ -109,7 +109,7 @@ int main() {
     Config* second = nullptr;
     ConfigEventChannel* channel = nullptr;
     // Never gone before the process, as its threads may still call it.
-    Listener& listener = *new Listener;
+    static Listener& listener = *new Listener;
     ConfigFactoryImpl& factory = ConfigFactoryImpl::GetInstance();
 
     for (std::string line; std::getline(std::cin, line);) {
