@@ -328,7 +328,7 @@ int FileUtils::executeCommand(const std::string& line, char* output, std::size_t
         writeDiagnosticLine(" cannot run a shell command", error);
         return kNoShell;
     }
-    // Ours must go, or the output never ends.
+    // While ours is open the output has no end, and only the shell's own end says that it is complete.
     pipeIn.reset();
 
     if (captured) {

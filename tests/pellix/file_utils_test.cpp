@@ -357,6 +357,17 @@ TEST_F(FileUtilsTest, DeletesTheNamedFiles) {
     EXPECT_THAT(entriesOf(kMedium), ElementsAre("keep.mov"));
 }
 
+TEST_F(FileUtilsTest, OptionOfTheLineCounts) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(run("rm -f gone.mov").status, 0);
+    EXPECT_EQ(run("rm -f").status, 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(run("rm gone.mov").status, 1);
+    EXPECT_EQ(run("rm").status, 1);
+    EXPECT_NE(testing::internal::GetCapturedStderr(), "");
+}
+
 TEST_F(FileUtilsTest, EmptyNameDeletesNothing) {
     put("a.mov");
     put("b.mov");
