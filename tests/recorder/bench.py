@@ -106,7 +106,7 @@ class Scenario(unittest.TestCase):
         COPIES.mkdir()
         self._log_start = len(recorder("log"))
         # Watched is what came after the watcher's first line.
-        sh("pkill -f '^mediactl watch'; rm -f /run/events; setsid mediactl watch >/run/events 2>&1 </dev/null & "
+        sh("killall mediactl 2>/dev/null; rm -f /run/events; setsid mediactl watch >/run/events 2>&1 </dev/null & "
            "for i in $(seq 200); do mediactl set kParamSystemState 1; [ -s /run/events ] && break; sleep 0.05; done")
         self._event_start = len(self._all_events())
 
@@ -173,8 +173,10 @@ class Scenario(unittest.TestCase):
         """The daemon left in order, with status 0, and runs again."""
         self.wait_for(lambda: self.values("kParamMediaDaemonStatus")[-1:] == ["3"], "the daemon does not come back")
         self.assertEqual(["5", "6", "1", "3"], self.values("kParamMediaDaemonStatus"))
-        self.assertEqual([*messages, "Media Manager Cleaning up...", "Media Manager Leaving mediad...",
-                          "mediad ended: status 0", "Media Managerstarting MediaManager"], self.said().splitlines())
+        # Between these lines a shell may complain that the disk is no longer there to be deleted.
+        self.assertEqual([*messages, "Media Manager Cleaning up...", "Media Manager Leaving mediad...", "mediad ended: status 0",
+                          "Media Managerstarting MediaManager"],
+                         [line for line in self.said().splitlines() if line.startswith(("Media", "mediad"))])
 
 
 def prepare():

@@ -125,8 +125,10 @@ class Conditions(Scenario):
         self.wait_for(lambda: tries() >= seen + 2, "the loop does not go on")
         self.wait(**wanted)
         self.assertEqual(["1"], self.values("kParamSelectedSlot"))
+        # Between the daemon's own lines stand those of its tools.
+        own = [line for line in without_device(self.said()).splitlines() if line.startswith("Media")]
         self.assertEqual({"MediaManager::fsckSlot: Could not repair /dev/DISK2, result:0x8",
-                          "Media Managerfailure repairing slot for /mnt/S1"}, set(without_device(self.said()).splitlines()))
+                          "Media Managerfailure repairing slot for /mnt/S1"}, set(own))
 
         sh("mediactl slot next")
         self.wait(**{**IDLE, "invalid": 1}, volume="N/A", disks=[], present=["S1"])
@@ -303,14 +305,14 @@ class Power(Scenario):
         image = self.medium("clean")
         recorder("insert", "S1", image)
         self.in_use("S1", "REEL 7")
-        sh("pkill -STOP -f 'keep-[m]ediad'")
+        sh("killall -STOP keep-mediad")
         sh(ending)
         # Its keeper is stopped and cannot bury it.
         self.wait_for(lambda: sh("grep -l '^State:.Z' $(pidof mediad | sed 's|[0-9]*|/proc/&/status|') /dev/null; true"),
                       "mediad does not end")
         self.wait(mounts={}, disks=[], path="", status=6, link=None, led1=0, panel1=0)
         self.assertTrue(volume_header(image)[0])
-        sh("pkill -CONT -f 'keep-[m]ediad'")
+        sh("killall -CONT keep-mediad")
         self.assert_ended_and_came_back(*messages)
         # The medium is still in its slot, and what was selected is preferred.
         self.in_use("S1", "REEL 7", system=0)
@@ -360,7 +362,7 @@ class Commands(Scenario):
                 self.assertEqual(1, len(error.splitlines()), error)
                 self.assertIn(reason, error)
         self.assertEqual(2, bench.command("fly")[0])
-        self.assertEqual("", sh("pgrep -f 'sleep [1]000'; true"))
+        self.assertEqual("", sh("ps | grep 'sleep [1]000'; true"))
 
     def test_output_and_exit_status_come_back(self):
         self.assertEqual((3, "out\n", "err\n"), bench.command("sh", "echo out; echo err >&2; exit 3"))
