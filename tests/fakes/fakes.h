@@ -331,8 +331,8 @@ class FakeOperatingSystem : public OperatingSystem {
 public:
     enum class Threads {
         // A body waits in `threads` until run() is called. While somebody waits for a semaphore that is at 0, the
-        // recorded bodies run in turns on the waiting thread, each up to its next sleep or wait for a uevent; at its next
-        // turn it begins anew (a body is a loop around one step, so that is no difference to it).
+        // recorded bodies run in turns on the waiting thread, each up to its next sleep or wait for a uevent; at its
+        // next turn it begins anew (a body is a loop around one step, so that is no difference to it).
         Recorded,
         // Bodies run on real threads at once.
         Started,

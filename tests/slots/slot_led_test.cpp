@@ -40,6 +40,16 @@ TEST(LEDStatus, Numbers) {
     static_assert(sizeof(eStorageLEDStatus_t) == 4);
 }
 
+// Without the fixture: what a process that has just begun finds.
+TEST(SlotLEDAtStart, TheVeryFirstFlashLights) {
+    fakes::World world;
+    SlotLEDRegister led(62, 2, &world.card, world.os);
+    led.lightFlash();
+    led.flasherStep();
+    EXPECT_EQ((Lines{kThread, kSleep, kOn}), world.journal.take());
+    SlotLEDRegister::resetFlashers();
+}
+
 // --- parameter LEDs ---
 
 TEST_F(SlotLEDTest, ParameterLEDCarriesItsStatus) {
