@@ -25,7 +25,8 @@ constexpr std::chrono::milliseconds kHostPause{20};
 
 std::atomic<bool> descriptorsCreated{false};
 
-// What this process has of the store, shared by all the objects it was given: the host, the connection to one, or nothing.
+// What this process has of the store, shared by all the objects it was given: the host, the connection to one, or
+// nothing.
 class ProcessStore : public ConfigFactoryImpl {
 public:
     static ProcessStore& instance() {

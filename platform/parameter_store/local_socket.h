@@ -37,8 +37,8 @@ enum class Io { Done, Again, Interrupted, Closed };
 // Milliseconds until `deadline`, rounded up, for poll.
 int untilDeadline(Deadline deadline);
 
-// A socket that listens at `path`, mode 0666, in the place of whatever stood there. `fresh` is where it is made before it
-// gets its name, so that nobody ever meets a socket that does not listen yet. Not open and errno set on failure.
+// A socket that listens at `path`, mode 0666, in the place of whatever stood there. `fresh` is where it is made before
+// it gets its name, so that nobody ever meets a socket that does not listen yet. Not open and errno set on failure.
 Descriptor listenAt(const char* path, const char* fresh);
 
 // A connection to the host, waiting until `deadline` when its queue of newcomers is full. Not open when nobody serves.

@@ -1,5 +1,5 @@
-// Hosts the parameter store where it is to outlive the media daemon. Ends with status 0 on SIGTERM, SIGINT or SIGHUP, and
-// with 1 when it cannot host the store.
+// Hosts the parameter store where it is to outlive the media daemon. Ends with status 0 on SIGTERM, SIGINT or SIGHUP,
+// and with 1 when it cannot host the store.
 
 #include <csignal>
 #include <string>

@@ -20,10 +20,8 @@ bool startQuietThread(std::thread& thread, const char* name, Body body) {
     pthread_sigmask(SIG_SETMASK, &all, &before);
     bool started = true;
     try {
-        thread = std::thread([name, body = std::move(body)]() mutable {
-            pthread_setname_np(pthread_self(), name);
-            body();
-        });
+        thread = std::thread(std::move(body));
+        pthread_setname_np(thread.native_handle(), name);
     } catch (const std::system_error&) {
         started = false;
     }

@@ -72,7 +72,8 @@ StoreClient::Link StoreClient::attach(local_socket::Deadline deadline) {
     return link;
 }
 
-// Waits until there is something to receive (a socket of -1 never has), at most so long. False when the client is to stop.
+// Waits until there is something to receive (a socket of -1 never has), at most so long. False when the client is to
+// stop.
 bool StoreClient::waitFor(int socket, int milliseconds) {
     pollfd descriptors[2] = {{_wakeUp.number(), POLLIN, 0}, {socket, POLLIN, 0}};
     ::poll(descriptors, 2, milliseconds);
@@ -203,8 +204,8 @@ void StoreClient::run() {
         lose();
         link.reset();
         if (_speaks) sayLine("paramstore: the store's host is gone; trying again every second");
-        // The first try comes at once, unless the connection was only just made: a host that cuts us off again and again is
-        // not to be stormed.
+        // The first try comes at once, unless the connection was only just made: a host that cuts us off again and
+        // again is not to be stormed.
         if (SteadyClock::now() - since >= kRetry) link = attach(SteadyClock::now() + kAnswerDeadline);
         while (!link) {
             if (!waitFor(-1, static_cast<int>(kRetry.count()))) return;
@@ -246,7 +247,8 @@ bool StoreClient::ask(Request& request, const std::function<wire::Packet(std::ui
 
 eConfigStatus_t StoreClient::setInteger(eParam_t id, int value) {
     Request request;
-    if (!ask(request, [&](std::uint32_t number) { return wire::setInteger(number, id, value); })) return kConfigUnreachable;
+    if (!ask(request, [&](std::uint32_t number) { return wire::setInteger(number, id, value); }))
+        return kConfigUnreachable;
     return static_cast<eConfigStatus_t>(request.status);
 }
 
@@ -254,12 +256,13 @@ eConfigStatus_t StoreClient::setString(eParam_t id, std::string_view value) {
     // What no packet carries is refused here.
     if (value.size() > kLongestString) return kConfigRefused;
     Request request;
-    if (!ask(request, [&](std::uint32_t number) { return wire::setString(number, id, value); })) return kConfigUnreachable;
+    if (!ask(request, [&](std::uint32_t number) { return wire::setString(number, id, value); }))
+        return kConfigUnreachable;
     return static_cast<eConfigStatus_t>(request.status);
 }
 
-// kConfigOk and kConfigUnreachable come with a value of the wanted type in `entry`; a value that nobody has ever seen is
-// kConfigUnknown while the host is away, too.
+// kConfigOk and kConfigUnreachable come with a value of the wanted type in `entry`; a value that nobody has ever seen
+// is kConfigUnknown while the host is away, too.
 eConfigStatus_t StoreClient::get(eParam_t id, ParameterType type, StoreEntry& entry) {
     Request request;
     eConfigStatus_t status = kConfigUnreachable;

@@ -3,13 +3,13 @@
 
 // A process's connection to the store that another process hosts.
 //
-// A thread of its own receives. What the host tells goes into an engine of this process, the mirror: its values are what
-// gets fall back on while the host is away, its thread calls the listeners. Requests wait for the host's answer, on the
-// calling thread, which may be a listener's callback.
+// A thread of its own receives. What the host tells goes into an engine of this process, the mirror: its values are
+// what gets fall back on while the host is away, its thread calls the listeners. Requests wait for the host's answer,
+// on the calling thread, which may be a listener's callback.
 //
-// When the host is lost the connection is tried again every second. A set that the client has missed meanwhile raises its
-// event then (of several sets of one parameter, the last); a value that merely fell back to its default, as a command
-// does in a new host, raises none.
+// When the host is lost the connection is tried again every second. A set that the client has missed meanwhile raises
+// its event then (of several sets of one parameter, the last); a value that merely fell back to its default, as a
+// command does in a new host, raises none.
 
 #include <chrono>
 #include <condition_variable>
@@ -50,8 +50,8 @@ public:
     eConfigStatus_t getInteger(eParam_t id, int& value);
     eConfigStatus_t getString(eParam_t id, std::string& value);
 
-    // Adds a listener to the mirror, at the point in the stream of events where the host has heard of it: no earlier set
-    // reaches it, and every later one does.
+    // Adds a listener to the mirror, at the point in the stream of events where the host has heard of it: no earlier
+    // set reaches it, and every later one does.
     void addListener(const void* owner, ConfigEvents* listener);
     void removeListeners(const void* owner) { _mirror.removeListeners(owner); }
 

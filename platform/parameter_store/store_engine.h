@@ -72,8 +72,8 @@ public:
     // False when nobody has written the identifier and no descriptor names it.
     bool find(eParam_t id, StoreEntry& entry) const;
 
-    // Puts a value in place without an event: what an earlier host left, what another process's store holds. The entry's
-    // sequence is not taken over. False when a bound or the value rules forbid it.
+    // Puts a value in place without an event: what an earlier host left, what another process's store holds. The
+    // entry's sequence is not taken over. False when a bound or the value rules forbid it.
     bool restore(eParam_t id, const StoreEntry& entry);
 
     // Takes over a set that another process's store has accepted: the value, of whatever type, and its event. Too many
@@ -86,8 +86,8 @@ public:
     // `listener` hears of every set from now on. `owner` is any address that names the listener's channel.
     void addListener(const void* owner, ConfigEvents* listener);
 
-    // None of the owner's listeners is called any more when this returns: it waits for a running callback, except on the
-    // delivering thread (where the callback itself is the caller).
+    // None of the owner's listeners is called any more when this returns: it waits for a running callback, except on
+    // the delivering thread (where the callback itself is the caller).
     void removeListeners(const void* owner);
 
     // Observers are called in the order of their addition.
@@ -102,8 +102,8 @@ public:
     bool start();
     void stop();
 
-    // Delivers up to `most` waiting events on the calling thread and returns how many there were. 0 while the engine has
-    // its own thread, and inside a callback.
+    // Delivers up to `most` waiting events on the calling thread and returns how many there were. 0 while the engine
+    // has its own thread, and inside a callback.
     std::size_t pump(std::size_t most = SIZE_MAX);
 
     // Whether the caller is the thread that calls the listeners.

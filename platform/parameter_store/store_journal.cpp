@@ -167,7 +167,8 @@ bool StoreJournal::writeAnew(const StoreTable& table) {
     Bytes bytes(kJournalMark, kJournalMark + kMarkSize);
     for (const auto& [id, entry] : table) {
         // Defaults stay out: a later version of the table may have others.
-        const bool isDefault = entry.sequence == 0 && entry.integer == 0 && entry.text.empty() && findParameter(id) != nullptr;
+        const bool isDefault =
+            entry.sequence == 0 && entry.integer == 0 && entry.text.empty() && findParameter(id) != nullptr;
         if (isKept(id) && !isDefault) appendRecord(bytes, id, entry);
     }
     const std::string fresh = _path + ".new";

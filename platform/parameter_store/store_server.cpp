@@ -21,11 +21,13 @@ using SteadyClock = std::chrono::steady_clock;
 constexpr std::size_t kRequestsInOneTurn = 16; // so that no client keeps the others waiting
 constexpr std::chrono::milliseconds kAcceptPause{100};
 
-// Another number for every life of a host since the machine was switched on; the clock of the day may have been set back.
+// Another number for every life of a host since the machine was switched on; the clock of the day may have been set
+// back.
 std::uint64_t newLife() {
     timespec now{};
     clock_gettime(CLOCK_BOOTTIME, &now);
-    const auto nanoseconds = static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000U + static_cast<std::uint64_t>(now.tv_nsec);
+    const auto nanoseconds =
+        static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000U + static_cast<std::uint64_t>(now.tv_nsec);
     return nanoseconds << 22 | (static_cast<std::uint64_t>(getpid()) & 0x3fffffU);
 }
 
@@ -138,19 +140,21 @@ void StoreServer::enforceBounds(Connection& connection) {
 
 void StoreServer::enforceBoundOfAll() {
     if (_allBytes <= kAllBytes) return;
-    const auto most = std::max_element(_connections.begin(), _connections.end(),
-                                       [](const Connection& one, const Connection& other) { return one.bytes < other.bytes; });
+    const auto most =
+        std::max_element(_connections.begin(), _connections.end(),
+                         [](const Connection& one, const Connection& other) { return one.bytes < other.bytes; });
     cutOff(*most);
 }
 
 void StoreServer::thinOut(Connection& connection) {
     std::unordered_set<eParam_t> seen;
     std::deque<Outgoing> kept;
-    const auto firstResync =
-        std::find_if(connection.queue.begin(), connection.queue.end(), [](const Outgoing& outgoing) { return outgoing.kind == Kind::Resync; });
+    const auto firstResync = std::find_if(connection.queue.begin(), connection.queue.end(),
+                                          [](const Outgoing& outgoing) { return outgoing.kind == Kind::Resync; });
     for (auto each = connection.queue.rbegin(); each != connection.queue.rend(); ++each) {
         forget(connection, *each);
-        // The first Resync keeps its place: moved behind what comes, it would never be sent to a watcher that stays slow.
+        // The first Resync keeps its place: moved behind what comes, it would never be sent to a watcher that stays
+        // slow.
         if (each->kind == Kind::Resync && each.base() - 1 != firstResync) continue;
         if (each->kind == Kind::Event) {
             if (!seen.insert(each->id).second) continue;
@@ -201,8 +205,8 @@ bool StoreServer::admit(Connection& newcomer) {
     }
     if (_connections.size() < kMostConnections) return true;
     // The list is in the order of arrival: the first that still says nothing has had the longest time to.
-    const auto silent =
-        std::find_if(_connections.begin(), _connections.end(), [](const Connection& connection) { return !connection.greeted; });
+    const auto silent = std::find_if(_connections.begin(), _connections.end(),
+                                     [](const Connection& connection) { return !connection.greeted; });
     if (silent == _connections.end()) return false;
     const std::lock_guard<std::mutex> lock(_mutex);
     cutOff(*silent);

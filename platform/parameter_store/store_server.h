@@ -2,9 +2,9 @@
 #define MEDIAD_PLATFORM_STORE_SERVER_H
 
 // Serves an engine's values on the store's socket (wire.h says how). One thread of its own does all of it; the
-// threads that set values only put packets into queues. No client can hold it up, or make it take more than the memory that
-// is bounded here:
-//  - a listener that leaves too much unread is cut off, and so is the one that leaves most when all of them together do;
+// threads that set values only put packets into queues. No client can hold it up, or make it take more than the memory
+// that is bounded here:
+//  - a listener that leaves too much unread is cut off, and so is the one that leaves most when all together do;
 //  - a watcher's queue holds one event for each identifier when it is full;
 //  - of a client that does not read its answers no more requests are read;
 //  - connections are counted, those of each user who may only read as well, and who says nothing gives its place up.

@@ -33,8 +33,8 @@
 // The sequence numbers the sets of one life of the host; 0 is a value that nobody has set in it. A client that lost its
 // connection learns from it which sets it has missed.
 //
-// A listener gets every event, and is cut off when it leaves too many unread. A watcher's queue is bounded: when it is full,
-// only the last event of each identifier stays in it, and a Resync behind them.
+// A listener gets every event, and is cut off when it leaves too many unread. A watcher's queue is bounded: when it is
+// full, only the last event of each identifier stays in it, and a Resync behind them.
 
 #include <cstddef>
 #include <cstdint>
@@ -104,8 +104,8 @@ Packet value(std::uint32_t request, eParam_t id, const StoreEntry& entry);
 Packet event(eParam_t id, const StoreEntry& entry, timeval when);
 Packet resync();
 
-// Readers of what the other side sent: false when it is not exactly what the table says. `size` counts from the packet's
-// first byte, and each reader of a body expects the packet whose header has its type.
+// Readers of what the other side sent: false when it is not exactly what the table says. `size` counts from the
+// packet's first byte, and each reader of a body expects the packet whose header has its type.
 bool readHeader(const std::uint8_t* data, std::size_t size, Header& header);
 bool readHello(const std::uint8_t* data, std::size_t size);
 bool readGet(const std::uint8_t* data, std::size_t size, eParam_t& id);

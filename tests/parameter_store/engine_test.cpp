@@ -112,8 +112,9 @@ TEST(StoreEngine, everySetRaisesOneEventAlsoForTheSameValue) {
     engine.setString(kParamClipName, "Clip 1");
     engine.setInteger(kLed, -3);
     EXPECT_EQ(engine.pump(), 5U);
-    const auto expected = ElementsAre(integer(kParamMediaCommand, 1), integer(kParamMediaCommand, 1),
-                                      text(kParamClipName, "Clip 1"), text(kParamClipName, "Clip 1"), integer(kLed, -3));
+    const auto expected =
+        ElementsAre(integer(kParamMediaCommand, 1), integer(kParamMediaCommand, 1), text(kParamClipName, "Clip 1"),
+                    text(kParamClipName, "Clip 1"), integer(kLed, -3));
     EXPECT_THAT(one.heard, expected);
     EXPECT_THAT(other.heard, expected);
     EXPECT_EQ(one.generic, 0);

@@ -44,7 +44,8 @@ public:
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, input[0], 0);
         posix_spawn_file_actions_adddup2(&actions, output[1], 1);
-        posix_spawn_file_actions_addopen(&actions, 2, _errorPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0600);
+        posix_spawn_file_actions_addopen(&actions, 2, _errorPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND,
+                                         0600);
         char* arguments[] = {const_cast<char*>(path.c_str()), nullptr};
         EXPECT_EQ(posix_spawn(&_process, path.c_str(), &actions, nullptr, arguments, environ), 0);
         posix_spawn_file_actions_destroy(&actions);
@@ -63,7 +64,8 @@ public:
         close(_output);
         // A killed program has no exit status to tell of it.
         const std::string error = said();
-        EXPECT_TRUE(error.find("Sanitizer") == std::string::npos && error.find("runtime error") == std::string::npos) << error;
+        EXPECT_TRUE(error.find("Sanitizer") == std::string::npos && error.find("runtime error") == std::string::npos)
+            << error;
     }
 
     Program(const Program&) = delete;

@@ -116,7 +116,14 @@ TEST_F(StoreJournalTest, valuesComeBackAndCommandsDoNot) {
 TEST_F(StoreJournalTest, formatIsTheOneInTheHeader) {
     host([](StoreEngine& engine) { engine.setInteger(kLed, -2); });
     // The CRC was reckoned by another program.
-    const std::string expected("mdvalue1" "mvrc" "\x12\x00\x79\x70" "ABCD" "\0\0\0\0" "\0\0\0\x04" "\xff\xff\xff\xfe", 32);
+    const std::string expected("mdvalue1"
+                               "mvrc"
+                               "\x12\x00\x79\x70"
+                               "ABCD"
+                               "\0\0\0\0"
+                               "\0\0\0\x04"
+                               "\xff\xff\xff\xfe",
+                               32);
     EXPECT_EQ(bytes(), expected);
     struct stat status {};
     ASSERT_EQ(stat(_path.c_str(), &status), 0);
@@ -174,8 +181,8 @@ TEST_F(StoreJournalTest, whatIsWholeBehindADamageIsRead) {
 }
 
 TEST_F(StoreJournalTest, garbageIsOneLineAndAnEmptyStore) {
-    for (const std::string& garbage : {std::string("x"), std::string(), std::string(100000, 'm'), std::string(5000, '\0'),
-                                       std::string("mvrcmvrcmvrcmvrcmvrcmvrcmvrc")}) {
+    for (const std::string& garbage : {std::string("x"), std::string(), std::string(100000, 'm'),
+                                       std::string(5000, '\0'), std::string("mvrcmvrcmvrcmvrcmvrcmvrcmvrc")}) {
         write(garbage);
         const std::string said = hostSays([](StoreEngine& engine) {
             EXPECT_EQ(integer(engine, kParamAlarms), 0);
@@ -247,7 +254,8 @@ TEST_F(StoreJournalTest, aFullFileSystemCostsNoValueThatWasKept) {
     });
     EXPECT_EQ(lines(said), 1U) << said;
     EXPECT_THAT(said, HasSubstr("cannot write " + _path));
-    EXPECT_EQ(hostSays([](StoreEngine& engine) { EXPECT_EQ(integer(engine, kLed), 1); }), "") << "no half record was left";
+    EXPECT_EQ(hostSays([](StoreEngine& engine) { EXPECT_EQ(integer(engine, kLed), 1); }), "")
+        << "no half record was left";
 }
 
 TEST_F(StoreJournalTest, aFileThatCouldNotBeWrittenIsTriedAgain) {
@@ -258,7 +266,8 @@ TEST_F(StoreJournalTest, aFileThatCouldNotBeWrittenIsTriedAgain) {
         engine.setInteger(kLed, 1);
         std::filesystem::remove_all(blocked);
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (!std::filesystem::exists(_path) && std::chrono::steady_clock::now() < deadline) engine.setInteger(kLed, 2);
+        while (!std::filesystem::exists(_path) && std::chrono::steady_clock::now() < deadline)
+            engine.setInteger(kLed, 2);
     });
     EXPECT_EQ(lines(said), 1U) << said;
     host([](StoreEngine& engine) { EXPECT_EQ(integer(engine, kLed), 2); });

@@ -95,7 +95,8 @@ std::string threads() {
     for (int each = 0; each < 256; ++each) {
         char target[64] = {};
         const std::string link = "/proc/self/fd/" + std::to_string(each);
-        if (readlink(link.c_str(), target, sizeof target - 1) > 0 && std::string(target).starts_with("socket:")) ++sockets;
+        if (readlink(link.c_str(), target, sizeof target - 1) > 0 && std::string(target).starts_with("socket:"))
+            ++sockets;
     }
     return result + "sockets=" + std::to_string(sockets);
 }
@@ -166,7 +167,8 @@ int main() {
             words >> id;
             int value = -99;
             const int status = config->getInteger(identifier(id), &value);
-            say(std::to_string(status) + " " + std::to_string(value) + " " + std::to_string(config->getInteger(identifier(id))));
+            say(std::to_string(status) + " " + std::to_string(value) + " " +
+                std::to_string(config->getInteger(identifier(id))));
         } else if (command == "gets") {
             words >> id;
             std::string value = "(none)";

@@ -1,4 +1,5 @@
-// The store between processes: hosting and attaching, what survives whom, who may write, and what clients cannot do to it.
+// The store between processes: hosting and attaching, what survives whom, who may write, and what clients cannot do to
+// it.
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -39,7 +40,6 @@ using testing::SizeIs;
 using testing::StartsWith;
 
 constexpr char kLed[] = "41424344";
-constexpr char kLabel[] = "41424345";
 constexpr eParam_t kLedId = 0x41424344;
 
 const std::string kNobodyServes = std::to_string(kConfigUnreachable);
@@ -136,7 +136,8 @@ TEST_F(StoreProcessTest, nothingRunsBeforeTheConfigAndNoThreadTakesSignals) {
         std::istringstream words(answer);
         for (std::string word; words >> word;) {
             const std::size_t equals = word.find('=');
-            if (word.starts_with("store-")) masks[word.substr(0, equals)] = std::stoull(word.substr(equals + 1), nullptr, 16);
+            if (word.starts_with("store-"))
+                masks[word.substr(0, equals)] = std::stoull(word.substr(equals + 1), nullptr, 16);
         }
         return masks;
     };
@@ -257,7 +258,8 @@ TEST_F(StoreProcessTest, everyListenerHearsEverySetOnceAndNothingFromBefore) {
     EXPECT_EQ(host.ask("sets 7e000000 refused"), kWrongType);
     EXPECT_EQ(one.ask("seti 7b01030a -1"), "0");
     for (Helper* each : {&host, &one, &other})
-        EXPECT_THAT(each->events(4), ElementsAre(event("7b01030a", 1), event("7b01030a", 1), "7b04000a S Clip 1", event("7b01030a", -1)));
+        EXPECT_THAT(each->events(4), ElementsAre(event("7b01030a", 1), event("7b01030a", 1), "7b04000a S Clip 1",
+                                                 event("7b01030a", -1)));
 }
 
 TEST_F(StoreProcessTest, listenersOfAllProcessesHearTheSameOrder) {
@@ -269,7 +271,8 @@ TEST_F(StoreProcessTest, listenersOfAllProcessesHearTheSameOrder) {
     for (Helper* each : all) each->listen();
     int first = 1;
     for (Helper* each : all) {
-        each->tell(std::string("flood ") + kLed + " " + std::to_string(first) + " " + std::to_string(first + kSets - 1));
+        each->tell(std::string("flood ") + kLed + " " + std::to_string(first) + " " +
+                   std::to_string(first + kSets - 1));
         first += kSets;
     }
     for (Helper* each : all) EXPECT_EQ(each->answer(), "0");
@@ -374,7 +377,8 @@ TEST_F(StoreProcessTest, aChannelMayBeReleasedInsideItsCallback) {
         EXPECT_THAT(each->events(1), ElementsAre(event(kLed, 1)));
         each->tell("leave");
         if (each == &host) {
-            // The last object may be given back on the store's own thread; then only the process's end ends the service.
+            // The last object may be given back on the store's own thread; then only the process's end ends the
+            // service.
             EXPECT_EQ(each->end(), 0);
             EXPECT_EQ(client.ask("create"), "ok");
             break;
@@ -498,13 +502,7 @@ TEST_F(StoreProcessTest, aLostHostIsFoundAgain) {
     auto paramd = std::make_unique<Program>(PARAMD);
     Helper client(Starts::Bare);
     client.ask("create");
-    ASSERT_TRUE(eventually([&] { return client.ask("open udp 0 1") == "ok"; }));
-    // It may have been faster than paramd; then it hosts, and this test is about the other way round.
-    if (client.ask("threads").find("store-server") != std::string::npos) {
-        EXPECT_EQ(client.ask("release config"), "ok");
-        paramd = std::make_unique<Program>(PARAMD);
-        ASSERT_TRUE(eventually([&] { return client.ask("open udp 0 0") == "ok"; }));
-    }
+    ASSERT_TRUE(eventually([&] { return client.ask("open udp 0 0") == "ok"; }));
     client.listen();
     EXPECT_EQ(client.ask("seti 7b03040a 3"), "0");
     EXPECT_EQ(client.ask("seti 7b03000a 6"), "0");
@@ -569,7 +567,8 @@ TEST_F(StoreProcessTest, aDaemonTellsOfALostHost) {
     EXPECT_THAT(client.ask("threads"), HasSubstr("store-client"));
     paramd->signal(SIGTERM);
     EXPECT_EQ(paramd->end(), 0);
-    EXPECT_TRUE(eventually([&] { return client.said() == "paramstore: the store's host is gone; trying again every second\n"; }));
+    EXPECT_TRUE(eventually(
+        [&] { return client.said() == "paramstore: the store's host is gone; trying again every second\n"; }));
     paramd = std::make_unique<Program>(PARAMD);
     EXPECT_TRUE(eventually([&] { return lines(client.said()) == 2; }));
     EXPECT_THAT(client.said(), HasSubstr("\nparamstore: the store is back\n"));
@@ -718,7 +717,7 @@ TEST_F(StoreProcessTest, aSlowWatcherLosesNoLastValueAndIsToldToResync) {
     }
     EXPECT_EQ(text, "first");
     EXPECT_GE(resyncs, 1);
-    EXPECT_LE(resyncs, 3);
+    EXPECT_LE(resyncs, kSets / static_cast<int>(StoreServer::kWatcherEvents) + 1);
     EXPECT_LT(events, kSets / 2);
     EXPECT_EQ(watcher->next(heard, 0), StoreWatcher::Result::Timeout);
     // It goes on as a watcher that keeps up: every event, no Resync.
@@ -772,8 +771,8 @@ TEST_F(StoreProcessTest, whatIsNoRequestEndsItsConnectionOnly) {
     oddList.push_back(0);
     wire::Packet tooLarge = wire::setString(1, kParamClipName, std::string(wire::kLargestPacket, 'x'));
     for (const wire::Packet& bad :
-         {wire::Packet(), wire::Packet(1, 0), truncated, otherVersion, noSuchType, noSuchMode, oddList, tooLarge, wire::hello(1),
-          wire::status(1, 0), wire::event(kParamAlarms, {}, {}),
+         {wire::Packet(), wire::Packet(1, 0), truncated, otherVersion, noSuchType, noSuchMode, oddList, tooLarge,
+          wire::hello(1), wire::status(1, 0), wire::event(kParamAlarms, {}, {}),
           wire::subscribe(1, {wire::Mode::Watch, false, std::vector<eParam_t>(StoreEngine::kMostIdentifiers + 1)})}) {
         const RawClient rude;
         ASSERT_TRUE(rude.greet());

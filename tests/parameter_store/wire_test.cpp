@@ -76,8 +76,8 @@ TEST(Wire, answersAreInNetworkByteOrder) {
     EXPECT_THAT(wire::value(3, 0x7e000000, integerEntry(7, 0x0102)),
                 ElementsAre(0, 1, 0, 34, 0, 0, 0, 3, 0x7e, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 2, 0, 0, 0, 7));
     EXPECT_THAT(wire::event(0x7b04000a, textEntry("c", 1), {0x0a0b0c0d, 0x0102}),
-                ElementsAre(0, 1, 0, 35, 0, 0, 0, 0, 0, 0, 0, 0, 0x0a, 0x0b, 0x0c, 0x0d, 0, 0, 1, 2, 0x7b, 0x04, 0, 0x0a, 0, 0,
-                            0, 1, 0, 0, 0, 0, 0, 0, 0, 1, 'c'));
+                ElementsAre(0, 1, 0, 35, 0, 0, 0, 0, 0, 0, 0, 0, 0x0a, 0x0b, 0x0c, 0x0d, 0, 0, 1, 2, 0x7b, 0x04, 0,
+                            0x0a, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1, 'c'));
     EXPECT_THAT(wire::resync(), ElementsAre(0, 1, 0, 36, 0, 0, 0, 0));
 }
 

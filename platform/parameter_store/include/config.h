@@ -14,10 +14,11 @@
 // What the set and get operations return. The daemon ignores it; tools report it.
 enum eConfigStatus_t : int {
     kConfigOk = 0,
-    kConfigRefused = -1,      // the store does not accept this value for this parameter
+    kConfigRefused = -1,      // the store does not accept this value for this parameter: a string beyond 65536 bytes or
+                              // with a NUL, or more than the store has room for
     kConfigWrongType = -2,    // an integer operation on a string parameter, or the other way round
     kConfigNotPermitted = -3, // this process may read but not write
-    kConfigUnreachable = -4,  // nobody serves the store at the moment
+    kConfigUnreachable = -4,  // nobody serves the store at the moment; a get gives the last known value with it
     kConfigUnknown = -5,      // a get of an identifier that nobody has written and no descriptor names
 };
 
@@ -58,10 +59,13 @@ public:
 
     virtual ~ConfigFactoryImpl() = default;
 
-    // The one channel there is has the locator kConfigEventLocator; any other gives null.
+    // The one channel there is has the locator kConfigEventLocator; any other gives null. So does a process that has no
+    // Config, or whose store nobody serves at the moment.
     virtual ConfigEventChannel* createEventChannel(const std::string& locator) = 0;
 
-    // Takes back a Config or an event channel; null is ignored.
+    // Takes back a Config or an event channel, in any order; null is ignored. With the last of them the connection to
+    // the store ends, or the service of the store where this process hosts it. An event channel waits for a running
+    // callback, except when it is released inside one.
     virtual void release(ConfigObject* object) = 0;
 };
 
@@ -72,7 +76,12 @@ inline constexpr char kConfigEventLocator[] = "multicast://127.0.0.1:63110/confi
 void CreateDescriptors();
 
 // The store's Config for `transport` ("udp" is the only one there is): attached to the process that hosts the store,
-// or, where none does and `host` is true, hosting it in this process. Null when neither can be done.
+// or, where none does and `host` is true, hosting it in this process. Null when neither can be done, and before
+// CreateDescriptors; with `host` a line on standard error says why. No thread, socket or lock of the store exists in a
+// process before this. `readOnly` makes a Config whose sets are all refused with kConfigNotPermitted.
+//
+// Of a lost host a process that asked with `host` tells in a line on standard error; the connection is tried again
+// every second. A listener then hears of each parameter that was set meanwhile, once, with its last value.
 Config* GetMappingConfig(const std::string& transport, bool readOnly, bool host);
 
 #endif

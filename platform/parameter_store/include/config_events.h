@@ -21,7 +21,8 @@ struct ConfigEvent {
     timeval when;
 };
 
-// The order of the operations is part of the contract: the store's library calls them by their place.
+// The order of the operations is part of the contract: the store's library calls them by their place. A change is one
+// call, of the form that fits the parameter's type; the generic form is none of its calls.
 class ConfigEvents {
 public:
     virtual ~ConfigEvents() = default;

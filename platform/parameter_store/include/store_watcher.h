@@ -21,7 +21,7 @@ public:
         Interrupted, // a signal came
     };
 
-    // Null when nobody serves the store. An empty list watches everything.
+    // Null when nobody serves the store. An empty list watches everything, and so does one of more than 4096.
     static std::unique_ptr<StoreWatcher> connect(const std::vector<eParam_t>& identifiers);
 
     virtual ~StoreWatcher() = default;
