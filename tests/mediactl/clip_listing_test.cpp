@@ -81,6 +81,7 @@ struct Listing : Recorder {
         EXPECT_EQ(result.status, 0) << result.errors;
         Json document(cJSON_ParseWithOpts(result.output.c_str(), nullptr, 1), &cJSON_Delete);
         EXPECT_TRUE(document) << result.output;
+        EXPECT_TRUE(isUtf8(result.output));
         return document;
     }
 

@@ -1,6 +1,7 @@
 #include "recorder.h"
 
 #include <fcntl.h>
+#include <iconv.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -47,6 +48,19 @@ void writeFile(const std::string& path, const std::string& text) {
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     file << text;
     ASSERT_TRUE(file.flush()) << path;
+}
+
+bool isUtf8(std::string text) {
+    const iconv_t conversion = iconv_open("UCS-4LE", "UTF-8");
+    EXPECT_NE(conversion, reinterpret_cast<iconv_t>(-1));
+    std::string wide(text.size() * 4, '\0');
+    char* from = text.data();
+    char* to = wide.data();
+    std::size_t left = text.size();
+    std::size_t room = wide.size();
+    const bool good = iconv(conversion, &from, &left, &to, &room) != static_cast<std::size_t>(-1) && left == 0;
+    iconv_close(conversion);
+    return good;
 }
 
 void writeRegister(unsigned int reg, std::uint32_t value) {

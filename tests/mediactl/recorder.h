@@ -33,6 +33,9 @@ protected:
 // Writes `text` into a file, which is made.
 void writeFile(const std::string& path, const std::string& text);
 
+// What JSON has to be; the parser that the tests use does not look.
+bool isUtf8(std::string text);
+
 // The card's register file, as a program of its own would see it: 65,536 words of 32 bits.
 void writeRegister(unsigned int reg, std::uint32_t value);
 std::uint32_t readRegister(unsigned int reg);
