@@ -157,8 +157,9 @@ TEST_F(BoardSpecificationTest, TheStandardLibrariesAreThere) {
 }
 
 TEST_F(BoardSpecificationTest, APrecompiledChunkIsRefused) {
-    EXPECT_EQ(-1, parse(std::string("\x1bLua", 4)));
+    EXPECT_EQ(-1, parse("\x1bLua"));
     EXPECT_TRUE(said.starts_with("Media Manager unable to load specification file. ")) << said;
+    EXPECT_NE(std::string::npos, said.find("attempt to load a binary chunk")) << said;
 }
 
 TEST_F(BoardSpecificationTest, AnEmptyTextFailsAtTheBoardId) {
