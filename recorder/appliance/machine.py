@@ -149,13 +149,15 @@ class Recorder:
                 monitor.execute("blockdev-add", **qemu.medium_backend(slot, path))
                 self._presence(slot, 1)
                 monitor.execute("device_add", **qemu.medium_device(slot))
-            except Failure:
+            except Failure as failure:
                 # The slot is as empty as it was.
                 self._presence(slot, 0)
                 try:
                     monitor.execute("blockdev-del", **{"node-name": f"medium-{slot}"})
                 except qemu.Refused:
                     pass
+                if '"write" lock' in str(failure):
+                    raise Failure(f"the medium {path} is in use by another recorder") from None
                 raise
         # The daemon may have put it off the bus again before anybody looks, but not without announcements.
         self._in_guest(f"for i in $(seq 300); do ls {self._disks(slot)} >/dev/null 2>&1 && exit; "
