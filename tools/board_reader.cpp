@@ -1,6 +1,8 @@
 #include "tools/board_reader.h"
 
-#include <lua.hpp>
+#include <lauxlib.h>
+#include <lua.h>
+#include <lualib.h>
 
 #include <cmath>
 #include <cstring>

@@ -132,7 +132,7 @@ void Program::closeInput() { closeIfOpen(_input); }
 std::vector<std::string> commandLine(const std::string& program, std::vector<std::string> arguments) {
     std::vector<std::string> result;
     std::istringstream launcher(LAUNCHER);
-    for (std::string word; std::getline(launcher, word, ';');) result.push_back(word);
+    for (std::string word; launcher >> word;) result.push_back(word);
     result.push_back(program);
     result.insert(result.end(), arguments.begin(), arguments.end());
     return result;
