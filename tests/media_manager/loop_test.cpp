@@ -245,6 +245,17 @@ TEST_F(LoopTest, passMountsTheSelectedMediumForUse) {
                         {kCapacityOfS1, sets(kParamCapacityRemaining, 60)}}));
 }
 
+TEST_F(LoopTest, mediumThatIsMountedInAPassShowsTheRecordingInTheSamePass) {
+    makeManager();
+    config.put(kParamTransportState, 2);
+    insert(S1, "sdb");
+    start();
+    manager->pass();
+    expectEffects(join({{"sleepSeconds 1"},
+                        mounts(S1, "sdb", false, true),
+                        {led(S1, eStorageLEDFlash), kCapacityOfS1, sets(kParamCapacityRemaining, 60)}}));
+}
+
 TEST_F(LoopTest, shutdownParameterStopsEverythingElse) {
     startWithMedium();
     post(kParamSlotRemountCommand, 2);
