@@ -491,7 +491,7 @@ TEST_P(ShutdownTest, abandonsTheActivationWithoutUnmounting) {
     start();
     waits(S1, "sdb");
     scanner.found = {fakes::clip("a")};
-    const auto watch = [this](const std::string& line) {
+    const auto watch = [](const std::string& line) {
         if (line == GetParam().at) Daemonizer::killed = 1;
     };
     scanner.onCall = [&](const std::string& line) { watch("clips " + line); };
