@@ -230,9 +230,10 @@ bool MediaManager::findStorage(bool) {
         } else if (_selectedSlot != slot) {
             // A second medium is not kept on the bus while one is in use.
             deleteDeviceFromBus(record);
-        } else if (_mounted) {
+        } else if (_mounted && !storageInUse()) {
             // Announced anew while it is in use: either the kernel repeats itself, or the medium was swapped so fast
-            // that nobody saw the slot empty, and what is mounted is no longer there.
+            // that nobody saw the slot empty, and what is mounted is no longer there. Somebody who has acquired the
+            // storage has to release it first; the mark stands until then.
             record.takeAnnouncement();
             if (!isSlotMounted(slot)) remount(slot);
         }

@@ -332,6 +332,16 @@ TEST_F(CommandsTest, failedWaitIsReportedAndTheWorkIsDone) {
     EXPECT_TRUE(manager->isNewMountRequest());
 }
 
+TEST_F(CommandsTest, whatWasNotTakenIsNotGivenBack) {
+    start();
+    os.recordSemaphores = true;
+    os.semaphoreWaitError = EINVAL;
+    manager->acquireStorage();
+    takeErrors();
+    // Or the count would be two from now on, and two threads could hold it.
+    expectEffects({"wait"});
+}
+
 TEST_F(CommandsTest, failedPostIsReported) {
     start();
     os.semaphorePostError = EOVERFLOW;

@@ -293,6 +293,20 @@ TEST_F(StorageTest, swappedMediumThatTheReleaseThrewOutIsProbedFor) {
     EXPECT_EQ(config.integer(kParamAlarms), 0);
 }
 
+TEST_F(StorageTest, swappedMediumIsTakenOnceTheStorageIsReleased) {
+    startWithMedium();
+    media.media["sdd"].label = "OTHER";
+    manager->acquireStorage();
+    kernelRemoves(S1, "sdb");
+    kernelAdds(S1, "sdd");
+    manager->findStorage(true);
+    expectNoEffects();
+    manager->releaseStorage();
+    manager->findStorage(true);
+    EXPECT_EQ(config.text(kParamVolumeName), "OTHER");
+    EXPECT_EQ(selected(), 1);
+}
+
 TEST_F(StorageTest, unmountedSelectedMediumThatIsAnnouncedAgainIsNotRemounted) {
     makeManager();
     config.put(kParamSelectedSlot, 1);
