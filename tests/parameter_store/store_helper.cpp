@@ -53,8 +53,10 @@ public:
 
     // What the callback does beside telling.
     std::atomic<bool> exits{false};
+    std::atomic<bool> ends{false}; // tells that it is through
     std::atomic<Config*> answersWith{nullptr}; // sets the parameter back to 0 when it is 1
     std::atomic<ConfigEventChannel*> releases{nullptr};
+    std::atomic<Config*> releasesConfig{nullptr};
 
 private:
     void hear(eParam_t id, const std::string& value) {
@@ -72,6 +74,8 @@ private:
             say("event answered " + std::to_string(status) + " " + std::to_string(config->getInteger(id)));
         }
         ConfigFactoryImpl::GetInstance().release(releases.exchange(nullptr));
+        ConfigFactoryImpl::GetInstance().release(releasesConfig.exchange(nullptr));
+        if (ends) say("event end");
     }
 
     std::mutex _mutex;
@@ -146,7 +150,11 @@ int main() {
         } else if (command == "answers") {
             listener.answersWith = config;
             say("ok");
-        } else if (command == "releases") {
+        } else if (command == "releases") { // "all": the Config too
+            std::string what;
+            words >> what;
+            if (what == "all") listener.releasesConfig = std::exchange(config, nullptr);
+            listener.ends = true;
             listener.releases = std::exchange(channel, nullptr);
             say("ok");
         } else if (command == "seti") {
