@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <linux/netlink.h>
+#include <linux/sock_diag.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <condition_variable>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 
@@ -25,6 +27,15 @@ specification = { slots = { { name = "S1", address = "/host0/" }, { name = "S2",
 )lua";
 
 const char kPath[] = "PHYSDEVPATH=/devices/pci0000:00/0000:00:02.0/virtio0/host0/target0:0:0/0:0:0:0";
+
+bool socketsTellTheirDrops() {
+    const int probe = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_KOBJECT_UEVENT);
+    std::uint32_t memory[SK_MEMINFO_VARS] = {};
+    socklen_t size = sizeof memory;
+    const bool told = getsockopt(probe, SOL_SOCKET, SO_MEMINFO, memory, &size) == 0 && size == sizeof memory;
+    close(probe);
+    return told;
+}
 
 class Sender {
 public:
@@ -141,6 +152,7 @@ TEST_F(UeventSocketTest, TheListenerCanGoWhileItsThreadWaits) {
 }
 
 TEST_F(UeventSocketTest, AnOverrunIsSurvivedAndAsksForADriverScan) {
+    if (!socketsTellTheirDrops()) GTEST_SKIP() << "an emulator that keeps the socket's drop count to itself";
     NarrowSystem os;
     make(os);
     for (int i = 0; i < 300; ++i) sender.send(uevent({"ACTION=add", "DEVNAME=sdq", "PHYSDEVPATH=/devices/host1/x"}));
