@@ -155,7 +155,6 @@ int MediaManager::checkMessages() {
         _remountCommand = 0;
         return 0;
     }
-    int result = 0;
     if (!isMediaLoading()) {
         bool settingsChanged;
         {
@@ -181,8 +180,7 @@ int MediaManager::checkMessages() {
         updateCurrentSlotCapacityRemaining(false);
         checkMediaUpdated();
     }
-    result = findStorage(true) ? 1 : 0;
-    return startRequestedFirewireAccess(result);
+    return startRequestedFirewireAccess(findStorage(true) ? 1 : 0);
 }
 
 unsigned int MediaManager::remount(eStorageSlot_t slot) {

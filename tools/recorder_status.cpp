@@ -1,5 +1,6 @@
 #include "tools/recorder_status.h"
 
+#include <cerrno>
 #include <memory>
 
 #include "card_register_file.h"
@@ -17,9 +18,11 @@ constexpr std::size_t kLabelWidth = 16;
 // Taken anew for every picture: the register file may be made while we watch.
 class Card {
 public:
-    Card() : _registers(CardRegisterFile::open()) {}
+    Card() : _registers(CardRegisterFile::open()), _hidden(!_registers && errno != ENOENT) {}
 
-    bool isPresent(const std::optional<BoardSensor>& sensor) const {
+    // Nothing when there are registers that this process may not look at.
+    std::optional<bool> isPresent(const std::optional<BoardSensor>& sensor) const {
+        if (_hidden && sensor) return std::nullopt;
         std::uint32_t value = 0;
         if (!_registers || !sensor || !_registers->read(sensor->reg, value, sensor->mask, sensor->shift)) return false;
         // Against the unshifted mask although the value is shifted, as the daemon compares them: board files are
@@ -36,6 +39,7 @@ public:
 
 private:
     std::unique_ptr<CardRegisterFile> _registers;
+    bool _hidden;
 };
 
 // Reads parameters one after the other and remembers whether the store was there for all of them.
@@ -76,6 +80,12 @@ std::string transportText(std::int32_t state) {
     for (const std::int32_t idle : {0, 1, 15, 19, 20})
         if (state == idle) word = "idle";
     return std::string(word) + " (" + std::to_string(state) + ")";
+}
+
+// All of one length, so that the LEDs stand below one another.
+const char* presenceText(std::optional<bool> present) {
+    if (!present) return "unknown       ";
+    return *present ? "medium present" : "empty         ";
 }
 
 std::string joined(const std::vector<std::string>& texts, const char* otherwise) {
@@ -153,7 +163,7 @@ std::string statusText(const RecorderStatus& status) {
     for (const SlotStatus& slot : status.slots)
         result += line(
             ("Slot " + printable(slot.name)).c_str(),
-            std::string(slot.present ? "medium present" : "empty         ") + "  LEDs: " + joined(slot.leds, "none"));
+            std::string(presenceText(slot.present)) + "  LEDs: " + joined(slot.leds, "none"));
     return result;
 }
 
@@ -172,7 +182,10 @@ std::string statusJson(const RecorderStatus& status, bool indented) {
     for (const SlotStatus& slot : status.slots) {
         Json shown = jsonObject();
         addMember(shown, "name", slot.name);
-        addFlag(shown, "present", slot.present);
+        if (slot.present)
+            addFlag(shown, "present", *slot.present);
+        else
+            addMember(shown, "present", Json(cJSON_CreateNull()));
         addMember(shown, "leds", jsonTexts(slot.leds));
         addElement(slots, std::move(shown));
     }

@@ -4,6 +4,7 @@
 // One picture of the recorder's storage: from the parameter store, the card's registers and the board's description.
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,7 +16,7 @@ namespace mediactl {
 
 struct SlotStatus {
     std::string name;
-    bool present = false;
+    std::optional<bool> present; // nothing when this process may not look
     std::vector<std::string> leds; // "off", "on", "flash", "unknown", or the number that a parameter LED holds
 
     bool operator==(const SlotStatus&) const = default;

@@ -85,7 +85,7 @@ def build(folder, programs):
 def _add_programs(tree, staging, programs):
     """What a real machine gets into /usr/local, with the shared libraries that it needs."""
     if not (programs / "cmake_install.cmake").exists():
-        raise Failure(f"there are no programs in {programs}; build them first: cmake --preset native && "
+        raise Failure(f"there are no programs in {programs}; build them first: cmake --preset native -DMEDIAD_TESTS=OFF && "
                       "cmake --build --preset native")
     shutil.rmtree(staging, ignore_errors=True)
     try:

@@ -334,6 +334,22 @@ TEST_F(Status, withoutACardShowsEverySlotEmpty) {
     EXPECT_FALSE(std::filesystem::exists("/dev/shm/mediad-card"));
 }
 
+TEST_F(Status, whoMayNotReadTheRegistersIsNotToldThatSlotsAreEmpty) {
+    writeBoard(kBoard);
+    writeRegister(61, 0x10);
+    serve();
+    const Result looking = mediactlAsNobody({"status"});
+    if (looking.errors.starts_with("setpriv")) GTEST_SKIP() << looking.errors;
+    EXPECT_EQ(looking.status, 0) << looking.errors;
+    EXPECT_NE(looking.output.find("Slot S1:        unknown         LEDs: unknown, off\n"), std::string::npos)
+        << looking.output;
+    // Without a sensor there is nothing to be read.
+    EXPECT_NE(looking.output.find("Slot D1:        empty           LEDs: none\n"), std::string::npos) << looking.output;
+    const Json document = json(mediactlAsNobody({"status", "--json"}).output);
+    const cJSON* slot = cJSON_GetArrayItem(cJSON_GetObjectItem(document.get(), "slots"), 1);
+    EXPECT_TRUE(cJSON_IsNull(cJSON_GetObjectItem(slot, "present")));
+}
+
 // --- Going on.
 
 TEST_F(Status, watchPrintsABlockForEachChange) {

@@ -169,17 +169,15 @@ std::list<Clip> ClipFinder::findClips(bool playlistSelected, bool filtered, bool
     const auto playlist =
         std::find_if(playlists.begin(), playlists.end(),
                      [&selected](const PlaylistCacheEntry& entry) { return playlistName(entry) == selected; });
-    std::list<Clip> chosen;
-    if (playlist == playlists.end()) return chosen;
-
-    std::map<std::string, const Clip*> byName;
-    for (const Clip& clip : clips) byName.emplace(nameOf(clip), &clip);
-    for (const std::string& name : clipNamesOf(*playlist)) {
-        auto found = byName.find(name);
-        if (found == byName.end()) found = byName.find(withoutExtension(name));
-        if (found != byName.end()) chosen.push_back(*found->second);
+    std::set<std::string> wanted;
+    if (playlist != playlists.end()) {
+        for (const std::string& name : clipNamesOf(*playlist)) {
+            wanted.insert(name);
+            wanted.insert(withoutExtension(name));
+        }
     }
-    return chosen;
+    clips.remove_if([&wanted](const Clip& clip) { return !wanted.contains(nameOf(clip)); });
+    return clips;
 }
 
 void ClipFinder::flushClips() { storeClips(_handles->clips, _handles->clipMutex, {}); }

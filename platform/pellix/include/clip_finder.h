@@ -28,9 +28,8 @@ public:
     // encode type parameter. A directory that cannot be read is reported in one line and counts as empty.
     void scanMedia(std::string path);
 
-    // The clips of the segment in time order. When the first two flags are both true, only those of the selected
-    // playlist, in the playlist's order and as often as it names them; none when there is no such playlist. `refresh`
-    // is reserved: every call reads the segment.
+    // The clips of the segment in time order. When the first two flags are both true, only those that the selected
+    // playlist names; none when there is no such playlist. `refresh` is reserved: every call reads the segment.
     std::list<Clip> findClips(bool playlistSelected, bool filtered, bool refresh);
 
     // Empties the clip segment.
