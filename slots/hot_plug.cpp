@@ -129,10 +129,12 @@ void SlotListener::handleEvent(const char* action, const char* devname, const ch
     Slot& slot = found->second;
 
     const char* const equals = std::strchr(devname, '=');
-    if (equals == nullptr || !isDeviceName(equals + 1)) return;
+    if (equals == nullptr) return;
 
-    if (contains(action, "ACTION=add"))
-        slot.announce(equals + 1);
-    else if (contains(action, "ACTION=remove"))
+    if (contains(action, "ACTION=add")) {
+        // The name ends up in command lines.
+        if (isDeviceName(equals + 1)) slot.announce(equals + 1);
+    } else if (contains(action, "ACTION=remove")) {
         slot.retract();
+    }
 }

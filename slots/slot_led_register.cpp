@@ -74,8 +74,10 @@ void SlotLEDRegister::lightFlash() {
 
 void SlotLEDRegister::setLEDRegister(bool on) {
     const SemaphoreHelper lock(&_writeLock, _os);
-    _card->WriteRegister(_reg, on ? 1 : 0, _mask, _bit);
+    writeBit(on);
 }
+
+void SlotLEDRegister::writeBit(bool on) { _card->WriteRegister(_reg, on ? 1 : 0, _mask, _bit); }
 
 void* SlotLEDRegister::runFlasherThread(void* led) {
     SlotLEDRegister* const self = static_cast<SlotLEDRegister*>(led);
@@ -94,10 +96,13 @@ bool SlotLEDRegister::flasherStep() {
         }
         return true;
     }
+    if (getStatus() == eStorageLEDFlash) return false; // told to end while it flashes: the level stays
+    // Read under the write lock: a command between the reading and the write would be undone for good.
+    const SemaphoreHelper lock(&_writeLock, _os);
     switch (getStatus()) {
-    case eStorageLEDOn: setLEDRegister(true); break;
-    case eStorageLEDOff: setLEDRegister(false); break;
-    default: break; // told to end while it flashes: the level stays
+    case eStorageLEDOn: writeBit(true); break;
+    case eStorageLEDOff: writeBit(false); break;
+    default: break;
     }
     return false;
 }

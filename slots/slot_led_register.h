@@ -52,6 +52,7 @@ public:
 private:
     struct Flashers;
     static Flashers& flashers();
+    void writeBit(bool on); // with the write lock held
     bool flasherStarts();
     static void flasherEnded(SlotLEDRegister* led);
 

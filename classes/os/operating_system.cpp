@@ -67,7 +67,10 @@ void OperatingSystem::sleepMicroseconds(unsigned int microseconds) {
     sleepFor(left);
 }
 
-int OperatingSystem::system(const std::string& line) { return std::system(line.c_str()); }
+int OperatingSystem::system(const std::string& line) {
+    // Ours is 0 for the sake of the named semaphores; what a command makes is not everybody's to write.
+    return std::system(("umask 022\n" + line).c_str());
+}
 
 int OperatingSystem::makeDirectory(const std::string& path, mode_t mode) { return ::mkdir(path.c_str(), mode); }
 

@@ -39,7 +39,8 @@ public:
     virtual void sleepSeconds(unsigned int seconds);
     virtual void sleepMicroseconds(unsigned int microseconds);
 
-    // The system library's system().
+    // The system library's system(), with umask 022. It ignores SIGINT in the whole process while the line runs, so one that
+    // comes meanwhile is lost; the lines that go this way take milliseconds.
     virtual int system(const std::string& line);
 
     virtual int makeDirectory(const std::string& path, mode_t mode);

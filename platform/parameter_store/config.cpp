@@ -8,6 +8,7 @@
 #include <thread>
 #include <unordered_set>
 
+#include "parameters.h"
 #include "platform/parameter_store/local_socket.h"
 #include "platform/parameter_store/store_client.h"
 #include "platform/parameter_store/store_host.h"
@@ -46,7 +47,9 @@ public:
         const std::lock_guard<std::mutex> lock(_mutex);
         if (locator != kConfigEventLocator) return nullptr;
         if (_host) return handOut(new StoreChannel<StoreEngine>(_host->engine()));
-        if (!_client || !_client->isConnected()) return nullptr;
+        // Asked, not remembered: a host that has just gone may not have been missed yet.
+        int ignored = 0;
+        if (!_client || _client->getInteger(kParamMediaDaemonStatus, ignored) == kConfigUnreachable) return nullptr;
         return handOut(new StoreChannel<StoreClient>(*_client));
     }
 

@@ -50,11 +50,6 @@ bool StoreClient::start(local_socket::Deadline deadline) {
     return startQuietThread(_thread, "store-client", [this] { run(); });
 }
 
-bool StoreClient::isConnected() const {
-    const std::lock_guard<std::mutex> lock(_mutex);
-    return _link != nullptr;
-}
-
 StoreClient::Link StoreClient::attach(local_socket::Deadline deadline) {
     auto link = std::make_shared<Descriptor>(local_socket::connectBy(kStoreSocket, deadline));
     if (!link->isOpen()) return nullptr;

@@ -42,7 +42,6 @@ public:
     // Connects, and has every value when it returns true. False when nobody serves, or not before `deadline`. Once.
     bool start(local_socket::Deadline deadline);
 
-    bool isConnected() const;
     StoreEngine& mirror() { return _mirror; }
 
     eConfigStatus_t setInteger(eParam_t id, int value);
@@ -82,7 +81,6 @@ private:
     void finish(std::uint32_t number, int status, const wire::Value* value);
     void lose();
     void run();
-    bool isStopping() const;
 
     const bool _speaks;
     Descriptor _wakeUp;

@@ -21,8 +21,8 @@ using SteadyClock = std::chrono::steady_clock;
 constexpr std::size_t kRequestsInOneTurn = 16; // so that no client keeps the others waiting
 constexpr std::chrono::milliseconds kAcceptPause{100};
 
-// Another number for every life of a host since the machine was switched on; the clock of the day may have been set
-// back.
+// In practice another number for every life of a host since the machine was switched on; the clock of the day may have
+// been set back.
 std::uint64_t newLife() {
     timespec now{};
     clock_gettime(CLOCK_BOOTTIME, &now);
@@ -140,9 +140,12 @@ void StoreServer::enforceBounds(Connection& connection) {
 
 void StoreServer::enforceBoundOfAll() {
     if (_allBytes <= kAllBytes) return;
-    const auto most =
-        std::max_element(_connections.begin(), _connections.end(),
-                         [](const Connection& one, const Connection& other) { return one.bytes < other.bytes; });
+    // Of equals the one that may only read goes, and of those the newest: the recorder's own came first.
+    const auto most = std::max_element(_connections.rbegin(), _connections.rend(),
+                                       [](const Connection& one, const Connection& other) {
+                                           if (one.bytes != other.bytes) return one.bytes < other.bytes;
+                                           return one.mayWrite && !other.mayWrite;
+                                       });
     cutOff(*most);
 }
 

@@ -490,6 +490,7 @@ public:
     }
     int waitSemaphore(sem_t* semaphore) override {
         if (recordSemaphores) _journal.add("wait");
+        if (const auto hook = std::exchange(beforeNextWait, nullptr)) hook();
         if (semaphoreWaitError != 0) return fail(semaphoreWaitError);
         while (sem_trywait(semaphore) == -1) {
             if (errno != EAGAIN) return -1;
@@ -514,6 +515,7 @@ public:
         return OperatingSystem::postSemaphore(semaphore);
     }
     bool recordSemaphores = false;
+    std::function<void()> beforeNextWait; // runs once: what another thread does just before the next wait
     int semaphoreInitError = 0; // with an error the semaphore still works, but the operation claims to have failed
     int semaphoreWaitError = 0; // with an error nothing is waited for
     int semaphorePostError = 0;

@@ -4,6 +4,8 @@ import glob
 import os
 import shutil
 import signal
+import socket
+import struct
 import subprocess
 import unittest
 
@@ -70,6 +72,26 @@ class Start(World):
         status, lines = self.ended()
         self.assertEqual(status, START_FAILED)
         self.assertEqual(lines[-1], NAME + "Failed to create a Config class")
+
+    def test_store_host_that_goes_away_during_the_start(self):
+        os.makedirs("/run/mediad", exist_ok=True)
+        host = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        host.bind("/run/mediad/store.sock")
+        host.listen()
+        self.addCleanup(host.close)
+        daemon = self.start()
+        client, _ = host.accept()
+        # Packets: version 1, type, the request's number; then the body.
+        hello = struct.unpack("!HHI", client.recv(65536)[:8])
+        self.assertEqual(hello[:2], (1, 1))
+        client.send(struct.pack("!HHIQI", 1, 32, hello[2], 7, 1))
+        subscribe = struct.unpack("!HHI", client.recv(65536)[:8])
+        self.assertEqual(subscribe[:2], (1, 5))
+        client.send(struct.pack("!HHIi", 1, 33, subscribe[2], 0))
+        client.close()
+        host.close()
+        self.assertEqual(daemon.wait(), START_FAILED)
+        self.assertEqual(daemon.lines()[-1], NAME + "Failed to create an Event class")
 
     def test_without_a_card_the_daemon_runs(self):
         os.unlink("/dev/shm/mediad-card")

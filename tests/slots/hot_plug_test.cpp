@@ -201,6 +201,12 @@ TEST_F(HotPlugTest, ADeviceNameThatIsNotLettersDigitsAndDashesChangesNothing) {
     EXPECT_EQ((SlotAnnouncement{true, true, "dm-0a-Z"}), slot1());
 }
 
+TEST_F(HotPlugTest, ARemovalCountsWhateverTheNameIs) {
+    handle({"ACTION=add", "DEVNAME=sdb", kPath1});
+    EXPECT_EQ(3, handle({"ACTION=remove", "DEVNAME=sd b", kPath1}));
+    EXPECT_EQ((SlotAnnouncement{false, true, ""}), slot1());
+}
+
 TEST_F(HotPlugTest, TheNameIsWhatFollowsTheFirstEqualsSign) {
     handle({"ACTION=add", "DEVNAME=sdb=c", kPath1});
     EXPECT_EQ(kNothing, slot1()) << "sdb=c is no device name";

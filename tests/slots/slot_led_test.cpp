@@ -187,6 +187,16 @@ TEST_F(SlotLEDTest, LightOnDuringFlashingEndsLitWhenTheFlasherWakes) {
     EXPECT_EQ(4U, world.card.get(62));
 }
 
+TEST_F(SlotLEDTest, ACommandJustBeforeTheFlashersLastWriteIsNotUndone) {
+    const auto led = makeLED();
+    led->lightFlash();
+    led->lightOn();
+    world.journal.take();
+    world.os.beforeNextWait = [&led] { led->lightOff(); };
+    EXPECT_FALSE(led->flasherStep());
+    EXPECT_EQ(world.journal.take().back(), kOff);
+}
+
 TEST_F(SlotLEDTest, AFlasherThatStartsLateOnlyShowsTheCommandedLevel) {
     auto led = makeLED();
     led->lightFlash();

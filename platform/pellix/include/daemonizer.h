@@ -13,7 +13,8 @@ class Daemonizer {
 public:
     // Goes to the background (the caller's process ends with status 0 once the daemon has its pid file), keeps standard
     // error, and installs `handler` for SIGTERM, SIGINT and SIGHUP: on a signal `killed` becomes 1, then
-    // `handler` is called. `information` and `writePidFile` stand in the interface; `information` may be null.
+    // `handler` is called. `information` is not used and may be null. Without
+    // `writePidFile` there is no pid file, and nothing keeps a second instance away.
     static void daemonize(std::string name, void (*handler)(int), std::string (*information)(), bool writePidFile);
 
     // The same without leaving the foreground.
