@@ -1,4 +1,5 @@
-// mediad: the storage manager daemon. This file is the map of the program: what is made, in which order, and how it ends.
+// mediad: the storage manager daemon. This file is the map of the program: what is made, in which order, and how it
+// ends.
 
 #include <sys/types.h>
 #include <unistd.h>
@@ -45,7 +46,8 @@ void handleTermOrKillSignal(int) {
 } // namespace
 
 int main(int argumentCount, char** arguments) {
-    // One argument with a 'd' behind its first character, "-d", keeps the daemon in the foreground; anything else does not.
+    // One argument with a 'd' behind its first character, "-d", keeps the daemon in the foreground; anything else does
+    // not.
     const bool foreground = argumentCount == 2 && arguments[1][0] != '\0' && arguments[1][1] == 'd';
     if (foreground)
         Daemonizer::setupSignalHandler(DAEMON_NAME, handleTermOrKillSignal, nullptr, true);

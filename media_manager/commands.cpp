@@ -116,8 +116,8 @@ bool MediaManager::shutdownRequested() {
 
 bool MediaManager::slotChangeRequested() { return _slotChangeCommand == kSlotChangeNext; }
 
-// The next two and clearEraseCommand set the member themselves, before the write: its own change event comes later, and a
-// loop pass in between must not run the same request again.
+// The next two and clearEraseCommand set the member themselves, before the write: its own change event comes later, and
+// a loop pass in between must not run the same request again.
 
 void MediaManager::clearSlotChangeRequest() {
     _slotChangeCommand = 0;

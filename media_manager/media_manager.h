@@ -1,8 +1,8 @@
 #ifndef MEDIAD_MEDIA_MANAGER_MEDIA_MANAGER_H
 #define MEDIAD_MEDIA_MANAGER_MEDIA_MANAGER_H
 
-// The heart of the daemon: one object that owns the state of all storage slots, acts on what the kernel announces and on
-// what other processes ask for, and reports slots, alarms, capacity and progress.
+// The heart of the daemon: one object that owns the state of all storage slots, acts on what the kernel announces and
+// on what other processes ask for, and reports slots, alarms, capacity and progress.
 //
 // Threads: init runs on the main thread, before there is a loop; loop and all it calls run on the loop thread. The
 // parameter store's thread calls the two ParamChanged operations and, through them, only what their group says. What it
@@ -190,7 +190,8 @@ public:
     void activateSlot(eStorageSlot_t slot);
     // Returns 0 or eSlotChangeNotUnmounted.
     int deselectSlot();
-    // Looks at every slot once. True when some slot holds a medium that the driver recognises; the argument is not used.
+    // Looks at every slot once. True when some slot holds a medium that the driver recognises; the argument is not
+    // used.
     bool findStorage(bool);
     void ServiceMountRequests();
 

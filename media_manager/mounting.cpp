@@ -140,8 +140,8 @@ int MediaManager::mountSlot(eStorageSlot_t slot, bool quiet) {
     if (status != 0 || output.find(node) == std::string::npos || output.find("(ro,") != std::string::npos) {
         report("mount failed or read-only mount for: " + node + " on " + mountPoint + " output was: " + output);
         raiseInvalidMediaAlert();
-        // 0 for a medium that the kernel mounted read-only, on purpose: it is left mounted for whoever wants to save its
-        // clips, and the alert and the mounted flag say that it is not in use.
+        // 0 for a medium that the kernel mounted read-only, on purpose: it is left mounted for whoever wants to save
+        // its clips, and the alert and the mounted flag say that it is not in use.
         return status;
     }
     if (!quiet) {

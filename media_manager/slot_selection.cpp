@@ -145,8 +145,8 @@ void MediaManager::activateSlot(eStorageSlot_t slot) {
         std::list<Clip> clips = finder.findClips(true, false, true);
         if (shuttingDown()) return;
         if (!clips.empty()) {
-            // The next take's number must be above every take on the medium under both values of these settings, and the
-            // numbering looks at the settings while it runs: hence two rounds, in exactly this order.
+            // The next take's number must be above every take on the medium under both values of these settings, and
+            // the numbering looks at the settings while it runs: hence two rounds, in exactly this order.
             const NumberingSettings before(*_config);
             _config->setInteger(kParamRecordSetting2304, 0);
             _config->setInteger(kParamRecordSetting1301, 0);
@@ -213,8 +213,8 @@ bool MediaManager::findStorage(bool) {
             if (cfHack) probeBus(record);
         }
         if (!present) {
-            // The kernel may tell of a removal before the presence pin does; a selected slot that is neither recognised nor
-            // present has lost its medium all the same.
+            // The kernel may tell of a removal before the presence pin does; a selected slot that is neither recognised
+            // nor present has lost its medium all the same.
             const bool selected = slot != eStorageSlotUnknown && slot == _selectedSlot;
             if (announcement.recognized || selected) {
                 deleteDeviceFromBus(record);

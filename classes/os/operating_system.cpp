@@ -11,10 +11,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 
+#include "signals_held.h"
 #include "thread_sleep.h"
 
 namespace {
@@ -25,22 +25,6 @@ void sleepFor(timespec left) {
     while (nanosleep(&left, &left) == -1 && errno == EINTR) {
     }
 }
-
-// Signals stay blocked in every thread but the main one; a thread inherits the mask it is made under.
-class SignalsBlocked {
-public:
-    SignalsBlocked() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &_before);
-    }
-    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &_before, nullptr); }
-    SignalsBlocked(const SignalsBlocked&) = delete;
-    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
-private:
-    sigset_t _before;
-};
 
 } // namespace
 
@@ -88,7 +72,8 @@ int OperatingSystem::startThread(ThreadKind kind, void* (*body)(void*), void* ar
         pthread_attr_setschedparam(&attributes, &parameters);
     }
     {
-        const SignalsBlocked blocked;
+        // Only the main thread takes signals; a thread inherits the mask it is made under.
+        const SignalsHeld held;
         result = pthread_create(&thread, &attributes, body, argument);
     }
     pthread_attr_destroy(&attributes);

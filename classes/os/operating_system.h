@@ -39,8 +39,8 @@ public:
     virtual void sleepSeconds(unsigned int seconds);
     virtual void sleepMicroseconds(unsigned int microseconds);
 
-    // The system library's system(), with umask 022. It ignores SIGINT in the whole process while the line runs, so one that
-    // comes meanwhile is lost; the lines that go this way take milliseconds.
+    // The system library's system(), with umask 022. It ignores SIGINT in the whole process while the line runs, so one
+    // that comes meanwhile is lost; the lines that go this way take milliseconds.
     virtual int system(const std::string& line);
 
     virtual int makeDirectory(const std::string& path, mode_t mode);
@@ -54,8 +54,8 @@ public:
     virtual int waitSemaphore(sem_t* semaphore);                     // an interrupting signal does not end the wait
     virtual int postSemaphore(sem_t* semaphore);
 
-    // Kernel uevents: the socket, its binding (port id = process id), readiness and one datagram. `openUevents` asks for a
-    // receive buffer of 16 MiB; datagrams that are dropped all the same are counted, not reported as errors.
+    // Kernel uevents: the socket, its binding (port id = process id), readiness and one datagram. `openUevents` asks
+    // for a receive buffer of 16 MiB; datagrams that are dropped all the same are counted, not reported as errors.
     virtual int openUevents();
     virtual int bindUevents(int socket, std::uint32_t groups);
     // Waits for a datagram or for `wake` (an eventfd; -1 for none). 1: a datagram, 0: woken, -1: failed.

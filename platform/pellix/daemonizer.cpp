@@ -43,8 +43,8 @@ void installSignals(void (*handler)(int)) {
     sigemptyset(&action.sa_mask);
     action.sa_handler = SIG_DFL;
     sigaction(SIGCHLD, &action, nullptr);
-    // A reader of ours that goes away (a log's pipe, a client's socket) is an error of that write, not the end of a daemon
-    // with media mounted.
+    // A reader of ours that goes away (a log's pipe, a client's socket) is an error of that write, not the end of a
+    // daemon with media mounted.
     action.sa_handler = SIG_IGN;
     sigaction(SIGPIPE, &action, nullptr);
 
@@ -76,7 +76,8 @@ bool takePidFile() {
     case PidFile::Result::Held:
         return true;
     case PidFile::Result::Taken:
-        writeDiagnosticLine(" is already running" + (holder > 0 ? " as process " + std::to_string(holder) : std::string()));
+        writeDiagnosticLine(" is already running" +
+                            (holder > 0 ? " as process " + std::to_string(holder) : std::string()));
         return false;
     case PidFile::Result::Failed:
         break;
@@ -160,7 +161,8 @@ void Daemonizer::daemonize(std::string displayName, void (*handler)(int), std::s
     close(readiness);
 }
 
-void Daemonizer::setupSignalHandler(std::string displayName, void (*handler)(int), std::string (*)(), bool writePidFile) {
+void Daemonizer::setupSignalHandler(std::string displayName, void (*handler)(int), std::string (*)(),
+                                    bool writePidFile) {
     name = std::move(displayName);
     fillStandardDescriptors();
     if (!becomeDaemon(handler, writePidFile)) std::exit(kFailed);

@@ -36,10 +36,11 @@ constexpr char kScriptPath[] = "/proc/self/fd/3";
 
 // What stands before every line.
 //
-// A file called "-r" among those that "*" stands for must never become an option of rm, and must be removed like the others.
-// The shell has expanded the arguments before rm sees them, so rm cannot tell an option from a file of that name: the one
-// option that our lines use, a first argument that is exactly -f, is therefore the only one there is, everything behind it is
-// a file, and so is a first argument that is anything else. The worst that a file's name can do is to be taken for -f itself.
+// A file called "-r" among those that "*" stands for must never become an option of rm, and must be removed like the
+// others. The shell has expanded the arguments before rm sees them, so rm cannot tell an option from a file of that
+// name: the one option that our lines use, a first argument that is exactly -f, is therefore the only one there is,
+// everything behind it is a file, and so is a first argument that is anything else. The worst that a file's name can do
+// is to be taken for -f itself.
 constexpr char kPrelude[] =
     "umask 022\n"
     "rm() { if [ \"${1-}\" = -f ]; then shift; command rm -f -- \"$@\"; else command rm -- \"$@\"; fi; }\n";
@@ -86,7 +87,8 @@ private:
 };
 
 // The empty directory that a line starts in, of this line alone: what a relative name or a "*" means after a "pushd"
-// that failed is nothing. It goes with the line; a program left in the background keeps a working directory without a name.
+// that failed is nothing. It goes with the line; a program left in the background keeps a working directory without a
+// name.
 class PrivateDirectory {
 public:
     PrivateDirectory() {
@@ -200,8 +202,8 @@ int startShell(const std::string& line, int output, const std::string& directory
     posix_spawn_file_actions_addclosefrom_np(actions, asArgument ? kScriptDescriptor : kScriptDescriptor + 1);
     posix_spawn_file_actions_addchdir_np(actions, directory.c_str());
 
-    // The loop's thread blocks every signal and the daemon ignores SIGPIPE: neither is for the tools. A session of their
-    // own, so that an interrupt from the terminal of a daemon in the foreground does not end a repair half way.
+    // The loop's thread blocks every signal and the daemon ignores SIGPIPE: neither is for the tools. A session of
+    // their own, so that an interrupt from the terminal of a daemon in the foreground does not end a repair half way.
     sigset_t all;
     sigset_t none;
     sigfillset(&all);
@@ -218,7 +220,8 @@ int startShell(const std::string& line, int output, const std::string& directory
     std::memcpy(scriptPath, kScriptPath, sizeof kScriptPath);
     char* const withArgument[] = {name, noProfile, noStartFile, fromArgument, script.data(), name, nullptr};
     char* const withFile[] = {name, noProfile, noStartFile, scriptPath, nullptr};
-    return posix_spawn(&shell, kShell, actions, &settings.attributes, asArgument ? withArgument : withFile, kEnvironment);
+    return posix_spawn(&shell, kShell, actions, &settings.attributes, asArgument ? withArgument : withFile,
+                       kEnvironment);
 }
 
 // The wait status as a shell tells it.
@@ -264,8 +267,8 @@ private:
     std::size_t _room;
 };
 
-// Takes the output until the shell has ended, and then what it left in the pipe. A program in the background may keep the
-// other end for ever, and may go on writing.
+// Takes the output until the shell has ended, and then what it left in the pipe. A program in the background may keep
+// the other end for ever, and may go on writing.
 int captureUntilEnd(pid_t shell, Descriptor& pipe, OutputSink& sink) {
     constexpr std::size_t kPiece = 65536;
     // Without a pidfd (a kernel before 5.3) the shell is looked after between waits.

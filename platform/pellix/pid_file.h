@@ -3,8 +3,8 @@
 
 #include <sys/types.h>
 
-// The file that makes a daemon the only one of its kind on the machine: held with flock for as long as the process lives,
-// with the process id in it. The lock is what counts; a file that a killed daemon left behind stops nobody.
+// The file that makes a daemon the only one of its kind on the machine: held with flock for as long as the process
+// lives, with the process id in it. The lock is what counts; a file that a killed daemon left behind stops nobody.
 class PidFile {
 public:
     enum class Result {

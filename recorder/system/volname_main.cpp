@@ -1,6 +1,6 @@
-// volname.hfsplus DEV: prints "DEV: NAME", the name of the HFS+ volume on a partition, in the form that hfs_volume.h draws.
-// Status 0. Otherwise status 1 and one line on standard error: "No such device" when there is no such partition or no
-// HFS+ volume on it, and only then, for those who format a medium rely on that text; anything else otherwise.
+// volname.hfsplus DEV: prints "DEV: NAME", the name of the HFS+ volume on a partition, in the form that hfs_volume.h
+// draws. Status 0. Otherwise status 1 and one line on standard error: "No such device" when there is no such partition
+// or no HFS+ volume on it, and only then, for those who format a medium rely on that text; anything else otherwise.
 
 #include "recorder/system/hfs_volume.h"
 
@@ -83,7 +83,8 @@ int main(int count, char* arguments[]) {
         return std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0 ? 0 : 1;
     }
     if (error != 0) {
-        // Taken out while it was read: the system's own text for that is the one that must not be said for anything else.
+        // Taken out while it was read: the system's own text for that is the one that must not be said for anything
+        // else.
         return fail(device, error == ENODEV || error == ENXIO ? kNone : std::strerror(error));
     }
     if (volume.state == VolumeState::NotHfs) {

@@ -8,8 +8,8 @@
 #include <functional>
 #include <string>
 
-// Under an emulator of user programs: system calls cannot be filtered, what /proc says about signals is the emulator's, a
-// process cannot become the parent of orphans, and a failing exec looks like a program that ended with 127.
+// Under an emulator of user programs: system calls cannot be filtered, what /proc says about signals is the emulator's,
+// a process cannot become the parent of orphans, and a failing exec looks like a program that ended with 127.
 #ifdef MEDIAD_TEST_EMULATED
 inline constexpr bool kEmulated = true;
 #else
@@ -22,8 +22,8 @@ struct Ending {
     std::string diagnostics;
 };
 
-// Runs `body` in a child process and waits for its end. The child's failed expectations show in the test's output and make
-// its status 99; otherwise its status is the one that `body` ends it with, or 0.
+// Runs `body` in a child process and waits for its end. The child's failed expectations show in the test's output and
+// make its status 99; otherwise its status is the one that `body` ends it with, or 0.
 Ending runInChild(const std::function<void()>& body);
 
 // As EXPECT_EQ(0, ...), with what the child said.

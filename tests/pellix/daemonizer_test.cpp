@@ -101,7 +101,8 @@ protected:
         rmdir(kPidFile);
     }
 
-    // A daemon that lives until it is killed, then says goodbye and gives the pid file back. The status is the starter's.
+    // A daemon that lives until it is killed, then says goodbye and gives the pid file back. The status is the
+    // starter's.
     Ending start(const std::function<void()>& before = [] {}) {
         Ending ending = runInChild([&] {
             before();

@@ -64,8 +64,8 @@ TEST(UeventRelay, ReadsALastLineThatIsNotEnded) {
     EXPECT_EQ(datagrams[0], "ACTION=add\0DEVNAME=sdb\0PHYSDEVPATH=/devices/x/1\0"s);
 }
 
-// Wherever in a path an address of up to kPathOverlap characters stands, one of the datagrams holds it whole, and each is
-// a whole announcement within the listener's buffer.
+// Wherever in a path an address of up to kPathOverlap characters stands, one of the datagrams holds it whole, and each
+// is a whole announcement within the listener's buffer.
 TEST(UeventRelay, TellsALongPathInPiecesThatHoldEveryAddress) {
     for (const std::size_t length : {150u, 214u, 215u, 216u, 217u, 300u, 333u, 1000u}) {
         std::string parent = "/devices";

@@ -1,8 +1,8 @@
 #ifndef MEDIAD_PLATFORM_CARD_REGISTER_FILE_H
 #define MEDIAD_PLATFORM_CARD_REGISTER_FILE_H
 
-// The register file that takes the card's place on a machine without one: 65,536 registers of 32 bits in shared memory, in
-// the machine's byte order. The board scan finds a card when the file exists. Tools create it and play the hardware.
+// The register file that takes the card's place on a machine without one: 65,536 registers of 32 bits in shared memory,
+// in the machine's byte order. The board scan finds a card when the file exists. Tools create it and play the hardware.
 // Any thread may call any operation.
 
 #include <cstddef>
@@ -14,8 +14,8 @@ public:
     static constexpr char kName[] = "/mediad-card"; // as shm_open takes it
     static constexpr std::size_t kRegisters = 65536;
 
-    // Makes the register file, all zeros, for its owner only (mode 0600); one that exists is kept as it is. False with errno
-    // on failure; EINVAL: what stands there has another size, is no register file and is left alone.
+    // Makes the register file, all zeros, for its owner only (mode 0600); one that exists is kept as it is. False with
+    // errno on failure; EINVAL: what stands there has another size, is no register file and is left alone.
     static bool create();
 
     // Null with errno when there is none; EINVAL: what stands there has another size, so it is none. While it is open

@@ -18,7 +18,8 @@ public:
     static void daemonize(std::string name, void (*handler)(int), std::string (*information)(), bool writePidFile);
 
     // The same without leaving the foreground.
-    static void setupSignalHandler(std::string name, void (*handler)(int), std::string (*information)(), bool writePidFile);
+    static void setupSignalHandler(std::string name, void (*handler)(int), std::string (*information)(),
+                                   bool writePidFile);
 
     // The process is finishing: gives the pid file back. May be called more than once.
     static void setDone();

@@ -10,9 +10,9 @@ public:
     FileUtils();
     virtual ~FileUtils();
 
-    // Runs `line` through bash and waits for the shell (not for what the line leaves in the background). When `output` is
-    // given, its `outputSize` bytes receive the line's standard output: at most outputSize - 1 bytes, always terminated,
-    // the rest is drained. The line is taken before the output is written, so both may be one buffer.
+    // Runs `line` through bash and waits for the shell (not for what the line leaves in the background). When `output`
+    // is given, its `outputSize` bytes receive the line's standard output: at most outputSize - 1 bytes, always
+    // terminated, the rest is drained. The line is taken before the output is written, so both may be one buffer.
     //
     // The line sees an empty standard input, a clean environment and signal state, umask 022, an empty private
     // directory as its working directory, and an `rm` that ends its options before the line's own arguments.

@@ -11,8 +11,6 @@
 // here throws boost::interprocess::interprocess_exception on failure. Any thread may call anything; the handles
 // that are passed in belong to one thread at a time.
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/interprocess/exceptions.hpp>
@@ -21,7 +19,6 @@
 #include <boost/interprocess/sync/named_mutex.hpp>
 #include <boost/interprocess/sync/scoped_lock.hpp>
 #include <cerrno>
-#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -30,6 +27,7 @@
 #include <string>
 
 #include "clip.h"
+#include "signals_held.h"
 
 namespace nevo::media {
 
@@ -179,22 +177,6 @@ struct SegmentReading {
     std::list<Record> records;
 };
 
-// A tool that is interrupted between lock and unlock would leave the recorder locked.
-class SignalsHeld {
-public:
-    SignalsHeld() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &_before);
-    }
-    ~SignalsHeld() { pthread_sigmask(SIG_SETMASK, &_before, nullptr); }
-    SignalsHeld(const SignalsHeld&) = delete;
-    SignalsHeld& operator=(const SignalsHeld&) = delete;
-
-private:
-    sigset_t _before;
-};
-
 // What readClips and readPlaylists share: `take` makes the records of a mapped segment.
 template <typename Record>
 SegmentReading<Record> readSegment(const std::string& segmentName, const std::string& mutexName, std::size_t size,
@@ -207,6 +189,7 @@ SegmentReading<Record> readSegment(const std::string& segmentName, const std::st
         ipc::named_mutex mutex(ipc::open_only, mutexName.c_str());
         const auto deadline = boost::posix_time::microsec_clock::universal_time() +
                               boost::posix_time::seconds(static_cast<long>(seconds));
+        // A tool that is interrupted between lock and unlock would leave the recorder locked.
         const SignalsHeld held;
         ipc::scoped_lock<ipc::named_mutex> lock(mutex, deadline);
         if (!lock.owns()) {
