@@ -12,12 +12,6 @@
 
 namespace {
 
-// Two of these programs have several threads when they die.
-class DieDeathTest : public testing::Test {
-protected:
-    DieDeathTest() { testing::FLAGS_gtest_death_test_style = "threadsafe"; }
-};
-
 int goOn[2]; // a pipe: held back until something is written
 
 void waitForGo() {
@@ -26,11 +20,11 @@ void waitForGo() {
     }
 }
 
-TEST_F(DieDeathTest, writesItsMessageAsItStandsAndEndsWithOne) {
+TEST(DieDeathTest, writesItsMessageAsItStandsAndEndsWithOne) {
     EXPECT_EXIT(die("Not root\n"), testing::ExitedWithCode(1), "^Not root\n$");
 }
 
-TEST_F(DieDeathTest, stopsTheDaemon) {
+TEST(DieDeathTest, stopsTheDaemon) {
     EXPECT_EXIT(
         {
             std::atexit([] { ::_exit(Daemonizer::killed == 1 ? 7 : 8); });
@@ -39,9 +33,9 @@ TEST_F(DieDeathTest, stopsTheDaemon) {
         testing::ExitedWithCode(7), "^x$");
 }
 
-TEST_F(DieDeathTest, mainLeavesWithItsStatus) { EXPECT_EXIT(std::exit(leaveMain(0)), testing::ExitedWithCode(0), "^$"); }
+TEST(DieDeathTest, mainLeavesWithItsStatus) { EXPECT_EXIT(std::exit(leaveMain(0)), testing::ExitedWithCode(0), "^$"); }
 
-TEST_F(DieDeathTest, dyingWhileMainLeavesStillEndsWithOne) {
+TEST(DieDeathTest, dyingWhileMainLeavesStillEndsWithOne) {
     EXPECT_EXIT(
         {
             const int status = leaveMain(0);
@@ -51,7 +45,7 @@ TEST_F(DieDeathTest, dyingWhileMainLeavesStillEndsWithOne) {
         testing::ExitedWithCode(1), "^x\n$");
 }
 
-TEST_F(DieDeathTest, mainDoesNotOvertakeAThreadThatIsDying) {
+TEST(DieDeathTest, mainDoesNotOvertakeAThreadThatIsDying) {
     EXPECT_EXIT(
         {
             if (::pipe(goOn) == -1) std::abort();
