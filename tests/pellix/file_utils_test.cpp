@@ -632,6 +632,8 @@ TEST_F(FileUtilsTest, SignalsDoNotDisturb) {
 }
 
 TEST_F(FileUtilsTest, ThreadsDoNotDisturbOneAnother) {
+    // The emulator's own locks are not put right in a child that is forked while other threads run.
+    if (kEmulated) GTEST_SKIP() << "forking from several threads does not work under this emulator";
     constexpr int kThreads = 8;
     constexpr int kRuns = 15;
     FileUtils shared;
