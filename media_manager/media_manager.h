@@ -14,13 +14,17 @@
 
 #include <atomic>
 #include <ctime>
+#include <list>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "classes/config/config_event_listener.h"
 #include "classes/os/operating_system.h"
+#include "clip.h"
 #include "config.h"
 #include "file_utils.h"
 #include "slots/card.h"
@@ -29,7 +33,11 @@
 #include "slots/slot_listener.h"
 #include "thread_sleep.h"
 
+class ClipFinder;
 struct inotify_event;
+namespace nevo::media {
+class MediaCache;
+}
 
 // Bits of kParamAlarms. Other processes own the other bits of the word.
 enum eAlarm_t : std::uint32_t {
@@ -225,8 +233,13 @@ public:
 
     void setup_inotify();
     void teardown_inotify();
+    // Watches `path` instead of what was watched before; false when that cannot be had.
     bool watchPath(std::string path);
+    // Appends every pending event as (file name, event mask), in the kernel's order; false when there is none.
+    bool ReadEvents(std::list<std::pair<std::string, unsigned int>>& events, int fd, int wd);
+    // Brings the shared cache in step with what happened on the medium since the last pass.
     void checkMediaEvents();
+    // Makes the current clip the first one again after the media, the playlist or the clip list mode changed.
     void checkMediaUpdated();
 
     // ---- Clips to delete: clip_deletion.cpp ----
@@ -236,12 +249,15 @@ public:
     // The store's thread. Adds the names in `text` to `pending`; false when the text is empty.
     bool parseClipsToDelete(std::set<std::string>& pending, std::string text);
     std::set<std::string> getClipsToDelete();
+    // Deletes the files named in `clips`, "*" for all of them. 0 when there is none to delete, else 1.
     int deleteClips(std::set<std::string>& clips);
+    // Takes what has been handled out of the pending requests; what arrived meanwhile stays.
     void removeDeletedClips(std::set<std::string>& deleted);
 
     // ---- Erasing a medium: formatting.cpp ----
 
-    // False on success, true when it failed.
+    // Erases the medium in `slot` and brings it back into use with the reel's number as its name. Inverted: false on
+    // success, true when the file system could not be made.
     bool eraseStorage(eStorageSlot_t slot);
 
     // ---- FireWire disk access: firewire_access.cpp ----
@@ -261,6 +277,13 @@ private:
     // The medium in `slot` was exchanged while it was in use: let go of the old one, take the new one.
     unsigned int remount(eStorageSlot_t slot);
     void markSettingsChanged();
+    // A file was closed or moved in, a file was deleted; whether the media changed by that.
+    bool fileArrived(nevo::media::MediaCache& cache, const std::string& path);
+    bool fileDeleted(nevo::media::MediaCache& cache, ClipFinder& finder, const std::string& path);
+    // The clips of the selected playlist in playlist mode, else all of them.
+    std::list<Clip> findSelectedClips(ClipFinder& finder);
+    // Before `clips` go: tells the recorder which clip becomes the current one, and gives it time to let go of its own.
+    void moveCurrentClipOff(ClipFinder& finder, const std::set<std::string>& clips);
 
     SlotListener* const _listener;
     Card* const _card;
@@ -286,6 +309,8 @@ private:
     int _capacityCounter = 0; // nanoseconds slept since the last measurement while the transport is active
     int _inotify = -1;
     int _watch = -1;
+    std::unique_ptr<char[]> _eventBuffer; // made by the first read
+    int _lastMediaTimeSeen = 0;           // value of kParamMediaChangedTime
     ThreadSleep _sleeper;
 
     // Guarded by _semaphore.

@@ -1,13 +1,12 @@
 // Which slot is in use, and what happens to media that come and go.
 
-#include <boost/interprocess/exceptions.hpp>
 #include <list>
 #include <optional>
 
-#include "classes/diagnostics/diagnostics.h"
 #include "clip_finder.h"
 #include "daemonizer.h"
 #include "media/media_cache.h"
+#include "media_manager/cache_failure.h"
 #include "media_manager/media_manager.h"
 #include "parameters.h"
 
@@ -18,10 +17,6 @@ using nevo::media::MediaCache;
 namespace {
 
 constexpr char kNotAvailable[] = "N/A";
-
-void reportCacheFailure(const char* operation, const interprocess_exception& failure) {
-    report(std::string(operation) + ": the shared clip cache cannot be used: " + failure.what());
-}
 
 // Takes shutdown into account at every step of an activation.
 bool shuttingDown() { return Daemonizer::killed != 0; }

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 
 #include "daemonizer.h"
@@ -18,4 +19,10 @@ void reportPlain(const std::string& text) {
         at += written;
         left -= static_cast<std::size_t>(written);
     }
+}
+
+std::string printable(std::string text) {
+    for (char& c : text)
+        if (std::iscntrl(static_cast<unsigned char>(c)) != 0) c = '?';
+    return text;
 }

@@ -11,4 +11,7 @@ void report(const std::string& text);
 // `text` as it stands, its line end included.
 void reportPlain(const std::string& text);
 
+// `text` with every control character replaced by "?": for names that somebody else chose.
+std::string printable(std::string text);
+
 #endif
