@@ -6,7 +6,8 @@
 bool MediaManager::serviceFirewireAccess() { return false; }
 
 int MediaManager::startRequestedFirewireAccess(int result) {
-    // A start that fails is answered by turning the mode off.
+    // On a board without FireWire the request stands, unanswered. Elsewhere a start that fails turns the mode off.
+    if (!_listener->getCapabilities().contains("firewire_data")) return result;
     if (_firewireStartRequested.exchange(false)) _config->setInteger(kParamFirewireMode, 0);
     return result;
 }

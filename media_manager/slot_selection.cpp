@@ -18,6 +18,29 @@ namespace {
 
 constexpr char kNotAvailable[] = "N/A";
 
+// The recording settings that the take numbering toggles, put back in this order when the numbering is left, whether it
+// came to its end or not: they are the recorder's, and a recording made with the wrong ones cannot be repaired.
+class NumberingSettings {
+public:
+    explicit NumberingSettings(Config& config)
+        : _config(config), _setting1301(config.getInteger(kParamRecordSetting1301)),
+          _setting1303(config.getInteger(kParamRecordSetting1303)),
+          _setting2304(config.getInteger(kParamRecordSetting2304)) {}
+    ~NumberingSettings() {
+        _config.setInteger(kParamRecordSetting1301, _setting1301);
+        _config.setInteger(kParamRecordSetting1303, _setting1303);
+        _config.setInteger(kParamRecordSetting2304, _setting2304);
+    }
+    NumberingSettings(const NumberingSettings&) = delete;
+    NumberingSettings& operator=(const NumberingSettings&) = delete;
+
+private:
+    Config& _config;
+    const int _setting1301;
+    const int _setting1303;
+    const int _setting2304;
+};
+
 // Takes shutdown into account at every step of an activation.
 bool shuttingDown() { return Daemonizer::killed != 0; }
 
@@ -119,9 +142,7 @@ void MediaManager::activateSlot(eStorageSlot_t slot) {
         if (!clips.empty()) {
             // The next take's number must be above every take on the medium under both values of these settings, and the
             // numbering looks at the settings while it runs: hence two rounds, in exactly this order.
-            const int setting1301 = _config->getInteger(kParamRecordSetting1301);
-            const int setting1303 = _config->getInteger(kParamRecordSetting1303);
-            const int setting2304 = _config->getInteger(kParamRecordSetting2304);
+            const NumberingSettings before(*_config);
             _config->setInteger(kParamRecordSetting2304, 0);
             _config->setInteger(kParamRecordSetting1301, 0);
             _config->setInteger(kParamRecordSetting1303, 0);
@@ -129,9 +150,6 @@ void MediaManager::activateSlot(eStorageSlot_t slot) {
             _config->setInteger(kParamRecordSetting1301, 1);
             _config->setInteger(kParamRecordSetting1303, 1);
             finder.ensureNextRecordedTakeIsGreaterThanAnyOnMedia(clips);
-            _config->setInteger(kParamRecordSetting1301, setting1301);
-            _config->setInteger(kParamRecordSetting1303, setting1303);
-            _config->setInteger(kParamRecordSetting2304, setting2304);
             if (shuttingDown()) return;
         }
     } catch (const interprocess_exception& failure) {

@@ -36,8 +36,8 @@ std::string textAt(lua_State* lua, int index) {
     return text;
 }
 
-// Calls `each` for every entry of the table on the top of the stack, in Lua's order, with the key below the value on the
-// top. `each` leaves the stack as it found it, or returns false to give up (and then need not).
+// Calls `each` for every entry of the table on the top of the stack, in Lua's order, with the key below the value on
+// the top. `each` leaves the stack as it found it, or returns false to give up (and then need not).
 template <typename Each>
 bool walkTable(lua_State* lua, Each each) {
     lua_pushnil(lua);

@@ -15,6 +15,9 @@ namespace {
 constexpr std::uint32_t kAllGroups = 0xffffffff;
 constexpr int kLinesOfAnEvent = 3;
 
+// Not the library's: that one depends on the locale and on the sign of char.
+bool isDigit(char each) { return each >= '0' && each <= '9'; }
+
 bool contains(std::string_view text, std::string_view part) { return text.find(part) != std::string_view::npos; }
 
 void capture(char* line, std::string_view text) {
@@ -26,7 +29,7 @@ void capture(char* line, std::string_view text) {
 // Device names end up in shell lines: nothing else may pass, whoever sent the datagram.
 bool isDeviceName(std::string_view name) {
     return !name.empty() && std::ranges::all_of(name, [](char each) {
-        return (each >= 'a' && each <= 'z') || (each >= 'A' && each <= 'Z') || (each >= '0' && each <= '9') || each == '-';
+        return (each >= 'a' && each <= 'z') || (each >= 'A' && each <= 'Z') || isDigit(each) || each == '-';
     });
 }
 
@@ -87,7 +90,8 @@ int SlotListener::parseKeventBuffer(char* action, char* devname, char* physdevpa
     int captured = 0;
     int result = 0;
     for (int offset = 0; offset < length;) {
-        const std::string_view line(buffer + offset, strnlen(buffer + offset, static_cast<std::size_t>(length - offset)));
+        const std::size_t left = static_cast<std::size_t>(length - offset);
+        const std::string_view line(buffer + offset, strnlen(buffer + offset, left));
         offset += static_cast<int>(line.size()) + 1;
 
         if (contains(line, "ACTION")) {
@@ -95,7 +99,7 @@ int SlotListener::parseKeventBuffer(char* action, char* devname, char* physdevpa
             ++captured;
         }
         // A name that ends in a digit is a partition's; only whole disks count.
-        if (contains(line, "DEVNAME") && !(line.back() >= '0' && line.back() <= '9')) {
+        if (contains(line, "DEVNAME") && !isDigit(line.back())) {
             capture(devname, line);
             ++captured;
         }

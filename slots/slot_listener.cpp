@@ -2,7 +2,8 @@
 
 // Never destroyed: other threads may still ask while the process ends.
 const std::set<std::string>& SlotListener::knownCapabilities = *new std::set<std::string>{"firewire_data", "cf_hack"};
-const std::set<std::string>& SlotListener::knownSlotStatusLEDTypes = *new std::set<std::string>{"register", "parameter"};
+const std::set<std::string>& SlotListener::knownSlotStatusLEDTypes =
+    *new std::set<std::string>{"register", "parameter"};
 
 SlotListener::SlotListener(Config* config, Card* card, OperatingSystem& os) : _config(config), _card(card), _os(os) {}
 

@@ -21,10 +21,10 @@
 //     .nextSlot           slot = slot       successors by name; "default" is what follows no slot at all
 //   usefulStrings         string = string   the media manager's command lines
 //
-// The file is the board maker's: it is trusted as the daemon itself is. One that never ends or eats all memory keeps the
-// daemon from starting; that is not guarded against.
+// The file is the board maker's: it is trusted as the daemon itself is. One that never ends or eats all memory keeps
+// the daemon from starting; that is not guarded against.
 //
-// Source files: slot_listener.cpp (life and questions), board_specification.cpp (the parser), hot_plug.cpp (the thread).
+// Sources: slot_listener.cpp (life and questions), board_specification.cpp (the parser), hot_plug.cpp (the thread).
 
 #include <semaphore.h>
 
@@ -59,8 +59,8 @@ public:
     // ---- The board. Parsed once, before listen and before anybody asks; afterwards its structure does not change, so
     // ---- every thread may ask, getUsefulString excepted.
 
-    // Runs and reads `specificationText`. `expectedBoardId` is "0x" and eight lower-case digits, compared as text. `system`
-    // goes into every slot of a board with "cf_hack". 0, or -1 after one line on standard error; what was read
+    // Runs and reads `specificationText`. `expectedBoardId` is "0x" and eight lower-case digits, compared as text.
+    // `system` goes into every slot of a board with "cf_hack". 0, or -1 after one line on standard error; what was read
     // before the failure stays.
     int parseSpecification(std::string expectedBoardId, std::string specificationText, FileUtils* system);
 
@@ -103,8 +103,8 @@ public:
     // Returns the number of lines captured when the last event completed, 0 when none did.
     int parseKeventBuffer(char* action, char* devname, char* physdevpath, char* buffer, int length);
 
-    // True once after datagrams were lost: what is on the bus has to be announced again ("driver_scan"). The command runs for
-    // a while, so the hot-plug thread leaves it to the manager. Any thread.
+    // True once after datagrams were lost: what is on the bus has to be announced again ("driver_scan"). The command
+    // runs for a while, so the hot-plug thread leaves it to the manager. Any thread.
     bool takeDriverScanRequest() { return _driverScanRequested.exchange(false); }
 
     static constexpr int kLineSize = 256; // bytes of a line buffer and of the receive buffer, the final NUL included
@@ -132,7 +132,7 @@ private:
 
     std::atomic<bool> _driverScanRequested{false};
 
-    // The hot-plug thread's own. The line buffers outlive a datagram on purpose: an event is the last line of each kind.
+    // The hot-plug thread's own. The line buffers outlive a datagram: an event acts on the last line of each kind.
     std::uint32_t _dropped = 0;
     char _action[kLineSize] = {};
     char _devname[kLineSize] = {};

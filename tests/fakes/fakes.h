@@ -264,8 +264,8 @@ private:
     std::map<unsigned int, unsigned int> _registers;
 };
 
-// A shell that runs nothing. Every line succeeds without output unless a rule says otherwise; of several rules that fit,
-// the one added last wins.
+// A shell that runs nothing. Every line succeeds without output unless a rule says otherwise; of several rules that
+// fit, the one added last wins.
 class FakeFileUtils : public FileUtils {
 public:
     struct Answer {
@@ -330,9 +330,9 @@ private:
 class FakeOperatingSystem : public OperatingSystem {
 public:
     enum class Threads {
-        // A body waits in `threads` until run() is called. While somebody waits for a semaphore that is at 0, the recorded
-        // bodies run in turns on the waiting thread, each up to its next sleep or wait for a uevent; at its next turn
-        // it begins anew (a body is a loop around one step, so that is no difference to it).
+        // A body waits in `threads` until run() is called. While somebody waits for a semaphore that is at 0, the
+        // recorded bodies run in turns on the waiting thread, each up to its next sleep or wait for a uevent; at its next
+        // turn it begins anew (a body is a loop around one step, so that is no difference to it).
         Recorded,
         // Bodies run on real threads at once.
         Started,
@@ -442,7 +442,7 @@ public:
         }
         taken.body(taken.argument);
     }
-    // Gives every recorded body a turn, again and again, until the semaphore can be taken; false when that does not help.
+    // Gives every recorded body a turn, again and again, until the semaphore can be taken; false when that is no help.
     bool takeTurns(sem_t* semaphore) {
         for (int round = 0; round < 100; ++round) {
             for (std::size_t index = 0;; ++index) {

@@ -31,7 +31,8 @@ struct Expected {
 };
 
 const Expected kExpected[] = {
-    {"apch", kDay + 11 * 3600, 7, "", "Format\n48p\nHeight\n48\nWidth\n64\nFrame Rate\n50\nEncode Type\n1\nAudio Chan\n0"},
+    {"apch", kDay + 11 * 3600, 7, "",
+     "Format\n48p\nHeight\n48\nWidth\n64\nFrame Rate\n50\nEncode Type\n1\nAudio Chan\n0"},
     {"apcn", kDay + 9 * 3600, 5, "23:59:59:10",
      "Format\n48p\nHeight\n48\nWidth\n64\nFrame Rate\n23.98\nEncode Type\n2\nAudio Chan\n0\nStarting TC\n23:59:59:10"},
     {"apcs", kDay + 10 * 3600 + 300, 12, "01:02:03;04",
@@ -204,7 +205,7 @@ TEST_F(ClipExaminerTest, HugeSizesInTheFileDoNoHarm) {
                                 {'\x80', '\0', '\0', '\0'}};
     for (const char* atom : {"moov", "mvhd", "trak", "mdia", "stbl", "stsd", "stts", "stsc", "stsz", "stco", "mdat",
                              "hdlr", "dref", "tmcd", "elst", "udta", "meta", "fiel"}) {
-        for (std::size_t found = clip.find(atom); found != std::string::npos && found >= 4; found = clip.find(atom, found + 4)) {
+        for (std::size_t found = clip.find(atom, 4); found != std::string::npos; found = clip.find(atom, found + 4)) {
             for (const std::string& size : huge) {
                 std::string bytes = clip;
                 bytes.replace(found - 4, 4, size); // the atom's size
@@ -221,16 +222,12 @@ TEST_F(ClipExaminerTest, HugeSizesInTheFileDoNoHarm) {
 TEST_F(ClipExaminerTest, MutatedClipsNeitherCrashNorGiveUnsoundRecords) {
     std::mt19937 random(20261120);
     std::vector<std::string> sources;
-    for (const char* source : {"apco", "apcs", "apcn"}) {
-        // Without most of the media data, so that the changes hit what is read.
-        std::string bytes = clipBytes(source);
-        sources.push_back(bytes);
-    }
+    for (const char* source : {"apco", "apcs", "apcn"}) sources.push_back(clipBytes(source));
     std::size_t usable = 0;
     const int rounds = 1200;
     for (int round = 0; round < rounds; ++round) {
         std::string bytes = sources[random() % sources.size()];
-        const std::size_t header = bytes.rfind("moov");
+        const std::size_t header = bytes.rfind("moov"); // changes elsewhere are never read
         const std::size_t changes = 1 + random() % 8;
         for (std::size_t i = 0; i < changes; ++i)
             bytes[header + random() % (bytes.size() - header)] = static_cast<char>(random() & 0xff);

@@ -1,8 +1,8 @@
 #ifndef MEDIAD_TESTS_MEDIA_CLIP_FILES_H
 #define MEDIAD_TESTS_MEDIA_CLIP_FILES_H
 
-// Clip files and raw segments for the tests of the clip cache. Nothing here uses the code under test: positions and sizes
-// are written out as numbers.
+// Clip files and raw segments for the tests of the clip cache. Nothing here uses the code under test: positions and
+// sizes are written out as numbers.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

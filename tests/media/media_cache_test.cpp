@@ -50,7 +50,8 @@ TEST_F(MediaCacheTest, ANewSegmentIsEmptyAndTheFirstClipWritesMagicCountAndOneRe
     EXPECT_EQ(segment.text(19 + 4104, 28), "23:59:59:10");
     EXPECT_EQ(segment.bytes(19 + 4132, 1), "\1");
     EXPECT_EQ(segment.text(19 + 4133, 2400),
-              "Format\n48p\nHeight\n48\nWidth\n64\nFrame Rate\n23.98\nEncode Type\n2\nAudio Chan\n0\nStarting TC\n23:59:59:10");
+              "Format\n48p\nHeight\n48\nWidth\n64\nFrame Rate\n23.98\nEncode Type\n2\nAudio Chan\n0\n"
+              "Starting TC\n23:59:59:10");
     EXPECT_EQ(segment.bytes(19 + 6533, 3 + 6536), std::string(3 + 6536, '\0'));
 }
 
@@ -206,7 +207,8 @@ TEST_F(MediaCacheTest, PlaylistsAreNamedAfterTheirFiles) {
     segment.put(0, "SharedPlaylistCache");
     const std::vector<std::pair<std::string, std::string>> names{
         {"/mnt/S1/NEVO/show.playlist", "show"}, {"a.playlist.bak", "a"}, {"/x.playlist/notes.txt", "notes.txt"},
-        {"/m/dir.playlist/", "dir"},            {"/m/.playlist", ""},    {"/", "/"}};
+        {"/m/dir.playlist/", "dir"},            {"/m/.playlist", ""},    {"/", "/"},
+        {"/m/twice.playlist.playlist", "twice"}};
     for (std::size_t i = 0; i < names.size(); ++i)
         segment.putPlaylist(static_cast<std::int32_t>(i), names[i].first, "text " + names[i].second,
                             static_cast<std::int32_t>(i));
@@ -362,7 +364,7 @@ TEST_F(MediaCacheTest, AWriterWaitsForTheMutex) {
         cache.AddClip(path, 1, index, false);
         done = true;
     });
-    // Cannot prove that it waits for ever, but a writer that did not wait would be done long before the segment changed.
+    // A look at the segment for a while: nothing proves a wait that never ends, but a writer that does not wait shows.
     RawSegment segment(kClipSegment);
     for (int i = 0; i < 20; ++i) {
         EXPECT_FALSE(done);

@@ -285,7 +285,8 @@ TEST_F(BoardSpecificationTest, PartsOfTheWrongTypeAreSkipped) {
     EXPECT_TRUE(listener.getNextSlotMap().empty());
 
     EXPECT_EQ(0, parse("board_id = 0xa3c\nmediaCapabilities = {}\nspecification = { slots = { 'S2', 7, true,\n"
-                       "{ name = 'S1', capabilities = 7, status = 'x', present = 61, address = {}, scanPath = true } } }"))
+                       "{ name = 'S1', capabilities = 7, status = 'x', present = 61, address = {},\n"
+                       "  scanPath = true } } }"))
         << said;
     EXPECT_EQ((std::vector<eStorageSlot_t>{eStorageSlotS1}), listener.supportedSlots());
     Slot& slot = listener.getSlot(eStorageSlotS1);
@@ -417,13 +418,15 @@ TEST_F(BoardSpecificationTest, PresenceCommandsAreIgnoredWithoutTheBoardCapabili
 // --- successors and useful strings ---
 
 TEST_F(BoardSpecificationTest, SuccessorsOfUnknownNamesMapToAndFromZero) {
-    EXPECT_EQ(0, parse("board_id = 0xa3c\nmediaCapabilities = {}\nspecification = { nextSlot = { S1 = 'X9' } }")) << said;
+    EXPECT_EQ(0, parse("board_id = 0xa3c\nmediaCapabilities = {}\nspecification = { nextSlot = { S1 = 'X9' } }"))
+        << said;
     EXPECT_EQ((std::map<eStorageSlot_t, eStorageSlot_t>{{eStorageSlotS1, eStorageSlotUnknown}}),
               listener.getNextSlotMap());
 }
 
 TEST_F(BoardSpecificationTest, ASuccessorFromAnUnknownNameIsTheOneOfSlotZero) {
-    EXPECT_EQ(0, parse("board_id = 0xa3c\nmediaCapabilities = {}\nspecification = { nextSlot = { X9 = 'D1' } }")) << said;
+    EXPECT_EQ(0, parse("board_id = 0xa3c\nmediaCapabilities = {}\nspecification = { nextSlot = { X9 = 'D1' } }"))
+        << said;
     EXPECT_EQ((std::map<eStorageSlot_t, eStorageSlot_t>{{eStorageSlotUnknown, eStorageSlotD1}}),
               listener.getNextSlotMap());
 }
@@ -435,7 +438,8 @@ TEST_F(BoardSpecificationTest, DefaultAsAValueIsNoSlot) {
 }
 
 TEST_F(BoardSpecificationTest, NumberKeysDoNotDisturbTheWalk) {
-    // A list has number keys: each becomes the text of a number, which is no slot's name. Entries that are no text are left out.
+    // A list has number keys: each becomes the text of a number, which is no slot's name. Entries that are no text are
+    // left out.
     EXPECT_EQ(0, parse("board_id = 0xa3c\nmediaCapabilities = {}\n"
                        "specification = { nextSlot = { 'S1', 'S1', 'S2', S2 = 'D1', D1 = true, [true] = 'D2' } }\n"
                        "usefulStrings = { 'one', 'two', [2.5] = 'half', three = 3, four = {}, [true] = 'five' }"))
@@ -464,7 +468,8 @@ TEST_F(BoardSpecificationTest, AMetatableThatRaisesIsOneLineAndAFailure) {
     const char* const bad = "setmetatable({}, { __index = function(_, key) error('trap ' .. key, 0) end })";
     EXPECT_EQ(-1, parse(std::string("board_id = 0xa3c\nmediaCapabilities = {}\nspecification = ") + bad));
     EXPECT_EQ("Media Manager unable to load specification file. trap slots\n", said);
-    EXPECT_EQ(-1, parse(std::string("board_id = 0xa3c\nmediaCapabilities = {}\nspecification = { slots = { ") + bad + "} }"));
+    EXPECT_EQ(-1, parse(std::string("board_id = 0xa3c\nmediaCapabilities = {}\nspecification = { slots = { ") + bad +
+                        "} }"));
     EXPECT_EQ("Media Manager unable to load specification file. trap name\n", said);
     EXPECT_EQ(-1, parse(boardWithSlot(std::string("name = 'S1', status = { ") + bad + " }")));
     EXPECT_EQ("Media Manager unable to load specification file. trap type\n", said);

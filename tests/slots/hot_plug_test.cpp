@@ -98,9 +98,11 @@ TEST_F(HotPlugTest, WithoutAPhysicalPathNothingHappensThoughAnOldOneIsKept) {
 }
 
 TEST_F(HotPlugTest, WhatACurrentKernelSendsIsNoEvent) {
-    EXPECT_EQ(0, handle({"add@/devices/pci0000:00/0000:00:02.0/virtio0/host0/target0:0:0/0:0:0:0/block/sda", "ACTION=add",
+    EXPECT_EQ(0, handle({"add@/devices/pci0000:00/0000:00:02.0/virtio0/host0/target0:0:0/0:0:0:0/block/sda",
+                         "ACTION=add",
                          "DEVPATH=/devices/pci0000:00/0000:00:02.0/virtio0/host0/target0:0:0/0:0:0:0/block/sda",
-                         "SUBSYSTEM=block", "MAJOR=8", "MINOR=0", "DEVNAME=sda", "DEVTYPE=disk", "DISKSEQ=9", "SEQNUM=697"}));
+                         "SUBSYSTEM=block", "MAJOR=8", "MINOR=0", "DEVNAME=sda", "DEVTYPE=disk", "DISKSEQ=9",
+                         "SEQNUM=697"}));
     EXPECT_STREQ("DEVNAME=sda", devname);
     EXPECT_EQ(kNothing, slot1());
 }
@@ -190,7 +192,8 @@ TEST_F(HotPlugTest, ADeviceNameWithoutAnEqualsSignChangesNothing) {
 }
 
 TEST_F(HotPlugTest, ADeviceNameThatIsNotLettersDigitsAndDashesChangesNothing) {
-    for (const char* name : {"", "sd b", "sdb;reboot;x", "$(x)", "../sdb", "mapper/x", "sd_b", "sd\xc3\xa4", "sdb\n", "*"}) {
+    for (const char* name :
+         {"", "sd b", "sdb;reboot;x", "$(x)", "../sdb", "mapper/x", "sd_b", "sd\xc3\xa4", "sdb\n", "*"}) {
         EXPECT_EQ(3, handle({"ACTION=add", std::string("DEVNAME=") + name, kPath1})) << name;
         EXPECT_EQ(kNothing, slot1()) << name;
     }
@@ -285,7 +288,8 @@ TEST_F(HotPlugTest, LinesAreKeptFromOneDatagramToTheNext) {
 TEST_F(HotPlugTest, ADatagramOfExactlyTheBuffersSizeLosesItsLastByte) {
     ASSERT_EQ(0, listener->listen());
     std::string datagram = uevent({"ACTION=add", kPath1});
-    datagram += std::string(SlotListener::kLineSize - datagram.size() - 1 - sizeof "DEVNAME=sdbc" + 1, 'x') + '\0' + "DEVNAME=sdbc";
+    const std::string last = "DEVNAME=sdbc";
+    datagram += std::string(SlotListener::kLineSize - datagram.size() - 1 - last.size(), 'x') + '\0' + last;
     ASSERT_EQ(static_cast<std::size_t>(SlotListener::kLineSize), datagram.size());
     world.os.sendUevent(datagram);
     EXPECT_TRUE(listener->listenStep());

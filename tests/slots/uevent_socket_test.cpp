@@ -108,9 +108,9 @@ TEST_F(UeventSocketTest, TheKernelsOwnFormatIsPassedOverAndARepeatedOneWithItsPa
     sender.send(uevent({std::string("add@") + device, "ACTION=add", std::string("DEVPATH=") + device, "SUBSYSTEM=block",
                         "MAJOR=8", "MINOR=0", "DEVNAME=sda", "DEVTYPE=disk", "DISKSEQ=9", "SEQNUM=697"}));
     // A partition's is longer than the buffer.
-    sender.send(uevent({std::string("add@") + device + "/sda1", "ACTION=add", std::string("DEVPATH=") + device + "/sda1",
-                        "SUBSYSTEM=block", "MAJOR=8", "MINOR=1", "DEVNAME=sda1", "DEVTYPE=partition", "DISKSEQ=9", "PARTN=1",
-                        "SEQNUM=698"}));
+    sender.send(uevent({std::string("add@") + device + "/sda1", "ACTION=add",
+                        std::string("DEVPATH=") + device + "/sda1", "SUBSYSTEM=block", "MAJOR=8", "MINOR=1",
+                        "DEVNAME=sda1", "DEVTYPE=partition", "DISKSEQ=9", "PARTN=1", "SEQNUM=698"}));
     sender.send(uevent({"ACTION=add", "DEVNAME=sdq", "PHYSDEVPATH=/devices/host1/x"}), 4);
     EXPECT_TRUE(eventually([&] { return slot(eStorageSlotS2).recognized; }));
     EXPECT_EQ(SlotAnnouncement{}, slot(eStorageSlotS1)) << "it came before the last one";
