@@ -1,12 +1,23 @@
 #include "media/media_cache.h"
 
+#include <cjson/cJSON.h>
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <memory>
+#include <sstream>
 #include <string_view>
 #include <utility>
 
+#include "classes/diagnostics/diagnostics.h"
+#include "classes/files/read_file.h"
 #include "encode_type.h"
+#include "media/playlist.h"
 #include "shared_segment.h"
 
 namespace nevo::media {
@@ -22,6 +33,30 @@ bool isSameCodec(const Clip& clip, unsigned int encodeType) {
     if (found == attributes.end()) return false;
     const auto clipType = static_cast<unsigned int>(std::strtol(found->second.c_str(), nullptr, 10));
     return CIsEncodeType::areEncodeTypesDifferentCodecs(clipType, encodeType) == 0;
+}
+
+// Far more than any playlist; what is larger is not read into the board's memory.
+constexpr off_t kLargestPlaylistFile = 16 * 1024 * 1024; // bytes
+
+// The reader takes the name for granted, so a document without one is kept away from it.
+bool namesItself(const std::string& text) {
+    const std::string line = text.substr(0, text.find('\n'));
+    const std::unique_ptr<cJSON, decltype(&cJSON_Delete)> document(cJSON_Parse(line.c_str()), &cJSON_Delete);
+    return document && cJSON_GetObjectItem(document.get(), "name") != nullptr;
+}
+
+// Copies what fits; the field is terminated only when the text is shorter.
+template <std::size_t size>
+void fillField(char (&field)[size], const std::string& text) {
+    std::memcpy(field, text.data(), std::min(size, text.size()));
+}
+
+PlaylistCacheEntry entryOf(const std::string& path, const std::string& text, std::time_t modified) {
+    PlaylistCacheEntry entry{};
+    fillField(entry.path, path);
+    fillField(entry.text, text);
+    entry.modified = static_cast<std::int32_t>(modified);
+    return entry;
 }
 
 bool hasName(const Clip& clip, const std::string& name) { return fieldText(clip.name) == name; }
@@ -81,6 +116,44 @@ bool MediaCache::ReadPlaylistCacheFromSharedMemory(std::map<std::string, Playlis
     for (const PlaylistCacheEntry& playlist : takePlaylists(_playlistSegment, _playlistMutex, written))
         cache[playlistName(playlist)] = playlist;
     return written;
+}
+
+void MediaCache::WritePlaylistCacheToSharedMemory(const std::map<std::string, PlaylistCacheEntry>& cache) {
+    std::list<PlaylistCacheEntry> playlists;
+    for (const auto& [name, playlist] : cache) playlists.push_back(playlist);
+    storePlaylists(_playlistSegment, _playlistMutex, playlists);
+}
+
+bool MediaCache::hasRoomForPlaylist(const std::string& path) {
+    std::map<std::string, PlaylistCacheEntry> cache;
+    ReadPlaylistCacheFromSharedMemory(cache);
+    return cache.size() < kPlaylistCapacity || cache.contains(playlistName(entryOf(path, "", 0)));
+}
+
+bool MediaCache::AddPlaylist(std::string path) {
+    struct stat status;
+    if (::stat(path.c_str(), &status) == -1) {
+        std::perror(path.c_str());
+        return false;
+    }
+    if (!S_ISREG(status.st_mode)) return false;
+    if (status.st_size > kLargestPlaylistFile) {
+        report("this is too large for a playlist: " + printable(path));
+        return false;
+    }
+    std::string text;
+    if (!read_file(path, text) || !namesItself(text)) return false;
+    std::istringstream stream(text);
+    Playlist playlist;
+    if (!PlaylistReader::Read(stream, playlist)) return false;
+
+    const PlaylistCacheEntry entry = entryOf(path, text, status.st_mtime);
+    std::map<std::string, PlaylistCacheEntry> cache;
+    ReadPlaylistCacheFromSharedMemory(cache);
+    cache[playlistName(entry)] = entry;
+    if (cache.size() > kPlaylistCapacity) return false;
+    WritePlaylistCacheToSharedMemory(cache);
+    return true;
 }
 
 } // namespace nevo::media

@@ -42,6 +42,17 @@ public:
     // segment has been written to, even with no playlist in it.
     bool ReadPlaylistCacheFromSharedMemory(std::map<std::string, PlaylistCacheEntry>& cache);
 
+    // Makes `cache` the content of the playlist segment, in the order of the names; no more than there is room for.
+    void WritePlaylistCacheToSharedMemory(const std::map<std::string, PlaylistCacheEntry>& cache);
+
+    // Whether AddPlaylist of this path keeps within the segment, as hasRoomFor.
+    bool hasRoomForPlaylist(const std::string& path);
+
+    // Reads the playlist file at `path` (playlist.h tells what it looks like) and stores its record, instead of one of the
+    // same name where there is one. True when stored. False when the file is no regular file, cannot be read, is no
+    // playlist, or there is no room; the segment is untouched then.
+    bool AddPlaylist(std::string path);
+
 private:
     // Opened in this order.
     std::string _prefix;

@@ -14,6 +14,7 @@
 #include "media_manager/cache_failure.h"
 #include "media_manager/media_manager.h"
 #include "parameters.h"
+#include "shared_segment.h"
 
 using boost::interprocess::interprocess_exception;
 using nevo::media::kCachePrefix;

@@ -12,7 +12,8 @@
 
 bool read_file(const std::string& path, std::string& text) {
     text.clear();
-    const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Without O_NONBLOCK a FIFO that somebody put on a medium would hold us for ever.
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (descriptor == -1) return false;
     struct stat status;
     if (::fstat(descriptor, &status) == -1) {

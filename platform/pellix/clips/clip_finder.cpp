@@ -13,32 +13,13 @@
 #include "clip_examination.h"
 #include "clip_examiner.h"
 #include "clip_file.h"
+#include "clip_finder_handles.h"
 #include "encode_type.h"
 #include "parameters.h"
 #include "platform/pellix/diagnostic_line.h"
 #include "shared_segment.h"
 
 using namespace nevo::media;
-
-namespace ipc = boost::interprocess;
-
-// The order of the members is the order in which they are opened.
-struct ClipFinder::Handles {
-    Handles()
-        : clips(ipc::open_or_create, clipSegmentName(kCachePrefix).c_str(), ipc::read_write, segmentPermissions()),
-          clipMutex(ipc::open_or_create, clipMutexName(kCachePrefix).c_str(), segmentPermissions()),
-          playlists(ipc::open_or_create, playlistSegmentName(kCachePrefix).c_str(), ipc::read_write,
-                    segmentPermissions()),
-          playlistMutex(ipc::open_or_create, playlistMutexName(kCachePrefix).c_str(), segmentPermissions()) {
-        clips.truncate(static_cast<ipc::offset_t>(kClipSegmentSize));
-        playlists.truncate(static_cast<ipc::offset_t>(kPlaylistSegmentSize));
-    }
-
-    ipc::shared_memory_object clips;
-    ipc::named_mutex clipMutex;
-    ipc::shared_memory_object playlists;
-    ipc::named_mutex playlistMutex;
-};
 
 namespace {
 

@@ -48,6 +48,10 @@ public:
     // be above are no take numbers.
     void ensureNextRecordedTakeIsGreaterThanAnyOnMedia(std::list<Clip>& clips);
 
+    // Removes the first clip of the segment whose name occurs in `path`, a full path of a clip file; true when there
+    // was one. The segment is rewritten in every case. (media/clip_removal.cpp)
+    bool removeClip(std::string path);
+
 private:
     struct Handles; // the clip and playlist segments with their mutexes
     Config* _config;
