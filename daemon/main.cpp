@@ -9,11 +9,11 @@
 
 #include "classes/diagnostics/diagnostics.h"
 #include "classes/die/die.h"
-#include "classes/files/read_file.h"
 #include "config.h"
 #include "daemonizer.h"
 #include "file_utils.h"
 #include "media_manager/media_manager.h"
+#include "read_file.h"
 #include "serial_number_ossik.h"
 #include "slots/live_card.h"
 #include "slots/slot_led_register.h"

@@ -1,23 +1,14 @@
 #include "media/media_cache.h"
 
-#include <cjson/cJSON.h>
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <memory>
-#include <sstream>
 #include <string_view>
 #include <utility>
 
-#include "classes/diagnostics/diagnostics.h"
-#include "classes/files/read_file.h"
 #include "encode_type.h"
-#include "media/playlist.h"
+#include "playlist.h"
 #include "shared_segment.h"
 
 namespace nevo::media {
@@ -35,30 +26,6 @@ bool isSameCodec(const Clip& clip, unsigned int encodeType) {
     return CIsEncodeType::areEncodeTypesDifferentCodecs(clipType, encodeType) == 0;
 }
 
-// Far more than any playlist; what is larger is not read into the board's memory.
-constexpr off_t kLargestPlaylistFile = 16 * 1024 * 1024; // bytes
-
-// The reader takes the name for granted, so a document without one is kept away from it.
-bool namesItself(const std::string& text) {
-    const std::string line = text.substr(0, text.find('\n'));
-    const std::unique_ptr<cJSON, decltype(&cJSON_Delete)> document(cJSON_Parse(line.c_str()), &cJSON_Delete);
-    return document && cJSON_GetObjectItem(document.get(), "name") != nullptr;
-}
-
-// Copies what fits; the field is terminated only when the text is shorter.
-template <std::size_t size>
-void fillField(char (&field)[size], const std::string& text) {
-    std::memcpy(field, text.data(), std::min(size, text.size()));
-}
-
-PlaylistCacheEntry entryOf(const std::string& path, const std::string& text, std::time_t modified) {
-    PlaylistCacheEntry entry{};
-    fillField(entry.path, path);
-    fillField(entry.text, text);
-    entry.modified = static_cast<std::int32_t>(modified);
-    return entry;
-}
-
 bool hasName(const Clip& clip, const std::string& name) { return fieldText(clip.name) == name; }
 
 } // namespace
@@ -66,10 +33,10 @@ bool hasName(const Clip& clip, const std::string& name) { return fieldText(clip.
 MediaCache::MediaCache(std::string prefix)
     : _prefix(std::move(prefix)),
       _clipSegment(ipc::open_or_create, clipSegmentName(_prefix).c_str(), ipc::read_write, segmentPermissions()),
-      _clipMutex(ipc::open_or_create, clipMutexName(_prefix).c_str(), segmentPermissions()),
+      _clipMutex(clipMutexName(_prefix)),
       _playlistSegment(ipc::open_or_create, playlistSegmentName(_prefix).c_str(), ipc::read_write,
                        segmentPermissions()),
-      _playlistMutex(ipc::open_or_create, playlistMutexName(_prefix).c_str(), segmentPermissions()) {
+      _playlistMutex(playlistMutexName(_prefix)) {
     // The size that a segment already has keeps its contents; a new one becomes all zeros.
     _clipSegment.truncate(static_cast<ipc::offset_t>(kClipSegmentSize));
     _playlistSegment.truncate(static_cast<ipc::offset_t>(kPlaylistSegmentSize));
@@ -127,27 +94,13 @@ void MediaCache::WritePlaylistCacheToSharedMemory(const std::map<std::string, Pl
 bool MediaCache::hasRoomForPlaylist(const std::string& path) {
     std::map<std::string, PlaylistCacheEntry> cache;
     ReadPlaylistCacheFromSharedMemory(cache);
-    return cache.size() < kPlaylistCapacity || cache.contains(playlistName(entryOf(path, "", 0)));
+    return cache.size() < kPlaylistCapacity || cache.contains(playlistName(path));
 }
 
 bool MediaCache::AddPlaylist(std::string path) {
-    struct stat status;
-    if (::stat(path.c_str(), &status) == -1) {
-        std::perror(path.c_str());
-        return false;
-    }
-    if (!S_ISREG(status.st_mode)) return false;
-    if (status.st_size > kLargestPlaylistFile) {
-        report("this is too large for a playlist: " + printable(path));
-        return false;
-    }
-    std::string text;
-    if (!read_file(path, text) || !namesItself(text)) return false;
-    std::istringstream stream(text);
+    PlaylistCacheEntry entry;
     Playlist playlist;
-    if (!PlaylistReader::Read(stream, playlist)) return false;
-
-    const PlaylistCacheEntry entry = entryOf(path, text, status.st_mtime);
+    if (!readPlaylistFile(path, entry, playlist)) return false;
     std::map<std::string, PlaylistCacheEntry> cache;
     ReadPlaylistCacheFromSharedMemory(cache);
     cache[playlistName(entry)] = entry;

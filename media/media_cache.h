@@ -2,17 +2,18 @@
 #define MEDIAD_MEDIA_MEDIA_CACHE_H
 
 #include <boost/interprocess/shared_memory_object.hpp>
-#include <boost/interprocess/sync/named_mutex.hpp>
 #include <map>
 #include <string>
 
 #include "clip_examiner.h"
+#include "segment_mutex.h"
 
 namespace nevo::media {
 
 // The clips and playlists of the medium in use, published to the other processes of the recorder in two shared segments
 // (clip.h draws them). The segments are the state: an object of this class is made for one operation and dropped again,
 // and every operation is a complete read or rewrite under the segment's mutex. The two mutexes are never held together.
+// A mutex that its holder does not give back within ten seconds is taken over.
 //
 // One thread at a time for an object. Failures of the shared memory, at construction and in every operation, are thrown
 // as boost::interprocess::interprocess_exception.
@@ -49,17 +50,17 @@ public:
     bool hasRoomForPlaylist(const std::string& path);
 
     // Reads the playlist file at `path` (playlist.h tells what it looks like) and stores its record, instead of one of the
-    // same name where there is one. True when stored. False when the file is no regular file, cannot be read, is no
-    // playlist, or there is no room; the segment is untouched then.
+    // same name, even from another directory, where there is one. True when stored. False when the file cannot be read or
+    // is no playlist (readPlaylistFile), or there is no room; the segment is untouched then.
     bool AddPlaylist(std::string path);
 
 private:
     // Opened in this order.
     std::string _prefix;
     boost::interprocess::shared_memory_object _clipSegment;
-    boost::interprocess::named_mutex _clipMutex;
+    SegmentMutex _clipMutex;
     boost::interprocess::shared_memory_object _playlistSegment;
-    boost::interprocess::named_mutex _playlistMutex;
+    SegmentMutex _playlistMutex;
 };
 
 } // namespace nevo::media

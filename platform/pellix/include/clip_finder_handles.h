@@ -8,7 +8,6 @@
 
 struct ClipFinder::Handles {
     using Segment = boost::interprocess::shared_memory_object;
-    using Mutex = boost::interprocess::named_mutex;
 
     static Segment openSegment(const std::string& name) {
         return Segment(boost::interprocess::open_or_create, name.c_str(), boost::interprocess::read_write,
@@ -17,21 +16,18 @@ struct ClipFinder::Handles {
 
     Handles()
         : clips(openSegment(nevo::media::clipSegmentName(nevo::media::kCachePrefix))),
-          clipMutex(boost::interprocess::open_or_create,
-                    nevo::media::clipMutexName(nevo::media::kCachePrefix).c_str(), nevo::media::segmentPermissions()),
+          clipMutex(nevo::media::clipMutexName(nevo::media::kCachePrefix)),
           playlists(openSegment(nevo::media::playlistSegmentName(nevo::media::kCachePrefix))),
-          playlistMutex(boost::interprocess::open_or_create,
-                        nevo::media::playlistMutexName(nevo::media::kCachePrefix).c_str(),
-                        nevo::media::segmentPermissions()) {
+          playlistMutex(nevo::media::playlistMutexName(nevo::media::kCachePrefix)) {
         clips.truncate(static_cast<boost::interprocess::offset_t>(nevo::media::kClipSegmentSize));
         playlists.truncate(static_cast<boost::interprocess::offset_t>(nevo::media::kPlaylistSegmentSize));
     }
 
     // The order is the order in which they are opened.
     Segment clips;
-    Mutex clipMutex;
+    nevo::media::SegmentMutex clipMutex;
     Segment playlists;
-    Mutex playlistMutex;
+    nevo::media::SegmentMutex playlistMutex;
 };
 
 #endif

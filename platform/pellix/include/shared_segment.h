@@ -5,7 +5,7 @@
 //
 // The lock protocol is part of the format: a segment is mapped only while its named mutex is held, and unmapped before
 // the mutex is given back. The mutex is a POSIX named semaphore; a process that dies while it holds it leaves it
-// locked for everybody until the system restarts, so nobody may be killed in between.
+// locked, so nobody may be killed in between. The recorder itself takes it over after a while (segment_mutex.h).
 //
 // Whoever only wants to look calls readClips or readPlaylists: they create nothing and throw nothing. Everything else
 // here throws boost::interprocess::interprocess_exception on failure. Any thread may call anything; the handles
@@ -30,6 +30,8 @@
 #include <string>
 
 #include "clip.h"
+#include "playlist.h"
+#include "segment_mutex.h"
 
 namespace nevo::media {
 
@@ -38,9 +40,6 @@ inline std::string clipSegmentName(const std::string& prefix) { return prefix + 
 inline std::string clipMutexName(const std::string& prefix) { return prefix + kClipMagic + "_mutex"; }
 inline std::string playlistSegmentName(const std::string& prefix) { return prefix + kPlaylistMagic + "_shm"; }
 inline std::string playlistMutexName(const std::string& prefix) { return prefix + kPlaylistMagic + "_mutex"; }
-
-// Everybody on the recorder may read and write them. The semaphores obey the umask, so who makes them needs umask 0.
-inline boost::interprocess::permissions segmentPermissions() { return boost::interprocess::permissions(0777); }
 
 // --- The bytes of a mapped segment. Nothing in it is aligned, hence the copying; a count is whatever somebody wrote
 // --- there, hence the bounds.
@@ -103,24 +102,19 @@ std::string fieldText(const char (&field)[size]) {
     return std::string(field, strnlen(field, size));
 }
 
-// The name under which a playlist is known: the last component of its path, up to the first ".playlist".
-inline std::string playlistName(const PlaylistCacheEntry& playlist) {
-    std::string name = fieldText(playlist.path);
-    if (name.empty()) return "."; // what basename gives
-    while (name.size() > 1 && name.back() == '/') name.pop_back();
-    if (name.size() > 1) name.erase(0, name.rfind('/') + 1);
-    return name.substr(0, name.find(".playlist"));
-}
+// The name under which a playlist is known.
+inline std::string playlistName(const PlaylistCacheEntry& playlist) { return playlistName(fieldText(playlist.path)); }
 
 // --- Access under the mutex.
 
 // Locks `mutex`, maps the whole of `segment` read-write, calls visit(std::byte*) and unmaps before it unlocks. `size`
-// is the size that a segment of its kind has.
+// is the size that a segment of its kind has. Waits as long as SegmentMutex does; what a writer who died has left behind
+// is then read as it stands, no further than there is room for.
 template <typename Visitor>
-void visitSegment(boost::interprocess::shared_memory_object& segment, boost::interprocess::named_mutex& mutex,
-                  std::size_t size, Visitor visit) {
+void visitSegment(boost::interprocess::shared_memory_object& segment, SegmentMutex& mutex, std::size_t size,
+                  Visitor visit) {
     namespace ipc = boost::interprocess;
-    ipc::scoped_lock<ipc::named_mutex> lock(mutex);
+    ipc::scoped_lock<SegmentMutex> lock(mutex);
     {
         ipc::mapped_region region(segment, ipc::read_write);
         // Another program has cut it short: touching what is missing would be SIGBUS.
@@ -132,8 +126,7 @@ void visitSegment(boost::interprocess::shared_memory_object& segment, boost::int
 }
 
 // The whole of a segment in one locked access.
-inline std::list<Clip> takeClips(boost::interprocess::shared_memory_object& segment,
-                                 boost::interprocess::named_mutex& mutex) {
+inline std::list<Clip> takeClips(boost::interprocess::shared_memory_object& segment, SegmentMutex& mutex) {
     std::list<Clip> clips;
     visitSegment(segment, mutex, kClipSegmentSize, [&clips](const std::byte* bytes) {
         bool written = false;
@@ -142,22 +135,22 @@ inline std::list<Clip> takeClips(boost::interprocess::shared_memory_object& segm
     return clips;
 }
 
-inline void storeClips(boost::interprocess::shared_memory_object& segment, boost::interprocess::named_mutex& mutex,
+inline void storeClips(boost::interprocess::shared_memory_object& segment, SegmentMutex& mutex,
                        const std::list<Clip>& clips) {
     visitSegment(segment, mutex, kClipSegmentSize, [&clips](std::byte* bytes) { putClips(bytes, clips); });
 }
 
 // `written` becomes false when nobody has written to the segment yet.
 inline std::list<PlaylistCacheEntry> takePlaylists(boost::interprocess::shared_memory_object& segment,
-                                                   boost::interprocess::named_mutex& mutex, bool& written) {
+                                                   SegmentMutex& mutex, bool& written) {
     std::list<PlaylistCacheEntry> playlists;
     visitSegment(segment, mutex, kPlaylistSegmentSize,
                  [&](const std::byte* bytes) { playlists = playlistsOf(bytes, written); });
     return playlists;
 }
 
-inline void storePlaylists(boost::interprocess::shared_memory_object& segment,
-                           boost::interprocess::named_mutex& mutex, const std::list<PlaylistCacheEntry>& playlists) {
+inline void storePlaylists(boost::interprocess::shared_memory_object& segment, SegmentMutex& mutex,
+                           const std::list<PlaylistCacheEntry>& playlists) {
     visitSegment(segment, mutex, kPlaylistSegmentSize,
                  [&playlists](std::byte* bytes) { putPlaylists(bytes, playlists); });
 }
