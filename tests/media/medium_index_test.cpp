@@ -28,6 +28,7 @@ protected:
     void SetUp() override {
         SegmentTest::SetUp();
         ClipFinder(&_config).flushAll(); // what earlier tests left in the process's memory
+        for (const char* name : {kClipSegment, kPlaylistSegment, kClipMutex, kPlaylistMutex}) unlink(name);
         _config.put(kParamStoragePath, _folder);
     }
 
