@@ -172,6 +172,15 @@ TEST_F(MediumIndexTest, WhatIsRememberedNeverOverrulesARecordThatIsRight) {
     heal();
     EXPECT_EQ(segment(), (Clips{{"a", 300}}));
     EXPECT_EQ(RawSegment(kPlaylistSegment).text(23 + 4096, 4096), kOther);
+
+    const std::string clip = clipMadeAt(400);
+    writeFile(at("b.mov"), std::string(clip.size(), 'x'));
+    setTime("b.mov", 5000);
+    EXPECT_EQ(heal(), Names{"a"});
+    writeFile(at("b.mov"), clip);
+    setTime("b.mov", 5000);
+    add("b.mov");
+    EXPECT_EQ(heal(), (Names{"a", "b"}));
 }
 
 TEST_F(MediumIndexTest, AnUnusableFileHasNoRecordAndIsRemembered) {

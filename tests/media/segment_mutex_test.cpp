@@ -23,6 +23,9 @@ namespace {
 constexpr char kName[] = "/NewCacheSharedClipCache_mutex";
 constexpr char kTakenOver[] = " the lock /NewCacheSharedClipCache_mutex was not given back in time and is taken over\n";
 
+// Before a test shortens it.
+const long patienceAtStart = nevo::media::segmentMutexPatience;
+
 // The semaphore as another program holds it.
 class Stranger {
 public:
@@ -72,11 +75,7 @@ protected:
     fakes::FakeConfig _config{_journal};
 };
 
-TEST_F(SegmentMutexTest, TenSecondsAreWaited) {
-    TearDown();
-    EXPECT_EQ(nevo::media::segmentMutexPatience, 10'000);
-    SetUp();
-}
+TEST_F(SegmentMutexTest, TenSecondsAreWaited) { EXPECT_EQ(patienceAtStart, 10'000); }
 
 TEST_F(SegmentMutexTest, AMutexWhoseHolderWasKilledIsTakenOverOnce) {
     int pipes[2];
