@@ -361,12 +361,18 @@ TEST_F(MediumIndexTest, AnotherMediumUnderTheSamePathIsExaminedWhole) {
     makeClip("a.mov", 100);
     makePlaylist("show.playlist");
     setTime("a.mov", 5000);
+    const std::string clip = clipMadeAt(400);
+    writeFile(at("b.mov"), std::string(clip.size(), 'x'));
+    setTime("b.mov", 5000);
     scan();
+    EXPECT_EQ(segment(), (Clips{{"a", 100}}));
+    writeFile(at("b.mov"), clip);
+    setTime("b.mov", 5000);
     writeFile(at("a.mov"), clipMadeAt(300)); // the same file as far as can be seen
     setTime("a.mov", 5000);
     makePlaylist("show.playlist", kOther);
     scan();
-    EXPECT_EQ(segment(), (Clips{{"a", 300}}));
+    EXPECT_EQ(segment(), (Clips{{"a", 300}, {"b", 400}}));
     EXPECT_EQ(RawSegment(kPlaylistSegment).text(23 + 4096, 4096), kOther);
 }
 
