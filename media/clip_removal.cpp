@@ -6,7 +6,7 @@ using namespace nevo::media;
 
 bool ClipFinder::removeClip(std::string path) {
     std::list<Clip> clips = takeClips(_handles->clips, _handles->clipMutex);
-    // A plain substring: "Clip_1" goes with "Clip_12.mov" when it comes first. The scanner heals that from the directory.
+    // A plain substring: "Clip_1" goes with "Clip_12.mov" when it comes first. findClips heals that from the directory.
     const auto named = std::find_if(clips.begin(), clips.end(), [&path](const Clip& clip) {
         return path.find(fieldText(clip.name)) != std::string::npos;
     });

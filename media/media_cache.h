@@ -49,9 +49,9 @@ public:
     // Whether AddPlaylist of this path keeps within the segment, as hasRoomFor.
     bool hasRoomForPlaylist(const std::string& path);
 
-    // Reads the playlist file at `path` (playlist.h tells what it looks like) and stores its record, instead of one of the
-    // same name, even from another directory, where there is one. True when stored. False when the file cannot be read or
-    // is no playlist (readPlaylistFile), or there is no room; the segment is untouched then.
+    // Reads the playlist file at `path` (playlist.h tells what it looks like) and stores its record, instead of one of
+    // the same name, even from another directory, where there is one. True when stored. False when the file cannot be
+    // read or is no playlist (readPlaylistFile), or there is no room; the segment is untouched then.
     bool AddPlaylist(std::string path);
 
 private:

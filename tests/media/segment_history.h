@@ -20,7 +20,8 @@ struct Step {
 
 std::ostream& operator<<(std::ostream& out, const Step& step);
 
-// Takes the steps on new segments. Empty when cache and reference agreed to the end, else what differed after which step.
+// Takes the steps on new segments. Empty when cache and reference agreed to the end, else what differed, after which
+// step.
 std::string run(const std::vector<Step>& steps);
 
 } // namespace history

@@ -1,5 +1,5 @@
-// The cache against a reference: random histories, made smaller where one fails. RC_PARAMS, with the seed that a failure
-// prints, repeats one.
+// The cache against a reference: random histories, made smaller where one fails. RC_PARAMS, with the seed that a
+// failure prints, repeats one.
 
 #include <gtest/gtest.h>
 

@@ -91,8 +91,8 @@ void putText(char (&field)[size], const std::string& text) {
     std::memcpy(field, text.data(), std::min(size, text.size()));
 }
 
-// The two kinds of records. Each tells which files and which names belong to it, how a file is examined, and which of the
-// files come first where there is not room for all.
+// The two kinds of records. Each tells which files and which names belong to it, how a file is examined, and which of
+// the files come first where there is not room for all.
 
 struct ClipKind {
     using Record = Clip;
@@ -153,7 +153,8 @@ struct ClipKind {
         return examined;
     }
     // The newest first: the take numbering must still see the last ones.
-    static bool comesFirst(const Examined& a, const std::string& nameOfA, const Examined& b, const std::string& nameOfB) {
+    static bool comesFirst(const Examined& a, const std::string& nameOfA, const Examined& b,
+                           const std::string& nameOfB) {
         return a.time != b.time ? a.time > b.time : nameOfA > nameOfB;
     }
     static void arrange(std::list<Clip>& records) { records.sort(Clip::compare_clips_by_time); }

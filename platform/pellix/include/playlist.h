@@ -28,9 +28,9 @@ public:
 };
 
 // Reads the playlist file at `path`, checks it with the reader and makes its record: path, text and modification time,
-// what is too long cut off. The file's text ends at its first NUL byte. False, with `entry` as it was, when the file is no
-// regular file (a link to one is), is larger than 16 MiB, cannot be read whole, has no "name" or is refused by the
-// reader; what is wrong with the file rather than with its text is said in one line. Any thread.
+// what is too long cut off. The file's text ends at its first NUL byte. False, with `entry` as it was, when the file is
+// no regular file (a link to one is), is larger than 16 MiB, cannot be read whole, has no "name" or is refused by the
+// reader. A missing, a too large and a short file are said in one line. Any thread.
 bool readPlaylistFile(const std::string& path, PlaylistCacheEntry& entry, Playlist& playlist);
 
 // The name under which a playlist is known: the last component of its path, up to the first ".playlist".

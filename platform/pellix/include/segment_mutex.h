@@ -6,8 +6,8 @@
 // To every other program it is a named mutex of the shared-memory library, which is a POSIX named semaphore: sem_wait
 // locks, sem_post unlocks. What is added here is that a holder who died must not stop the recorder for ever:
 // - A lock that is not had in time is taken over, and one line on standard error says so.
-// - The holder may have been merely slow, and still post. So the mutex is given back only where its count is 0, and what
-//   the count has too many when a lock is had is taken away: it never stays at 2.
+// - The holder may have been merely slow, and still post. So the mutex is given back only where its count is 0, and
+//   what the count has too many when a lock is had is taken away: it never stays at 2.
 
 #include <semaphore.h>
 #include <unistd.h>
