@@ -108,8 +108,8 @@ inline std::string playlistName(const PlaylistCacheEntry& playlist) { return pla
 // --- Access under the mutex.
 
 // Locks `mutex`, maps the whole of `segment` read-write, calls visit(std::byte*) and unmaps before it unlocks. `size`
-// is the size that a segment of its kind has. Waits as long as SegmentMutex does; what a writer who died has left behind
-// is then read as it stands, no further than there is room for.
+// is the size that a segment of its kind has. Waits as long as SegmentMutex does; what a writer who died has left
+// behind is then read as it stands, no further than there is room for.
 template <typename Visitor>
 void visitSegment(boost::interprocess::shared_memory_object& segment, SegmentMutex& mutex, std::size_t size,
                   Visitor visit) {
