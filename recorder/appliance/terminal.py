@@ -6,6 +6,7 @@ import select
 import shlex
 import socket
 import termios
+import time
 import tty
 
 from .common import Failure
@@ -14,6 +15,9 @@ LEAVE = b"\x1d"  # Ctrl-]
 
 # The recorder's side frames what a command shows with these; see recorder/guest/on-terminal.
 MARK = b"\x1e"
+
+# What its shell asks with; see recorder/guest/terminal.
+PROMPT = b"recorder# "
 
 
 def attach(recorder, line=None):
@@ -33,8 +37,8 @@ def attach(recorder, line=None):
         print("the recorder's terminal; Ctrl-] leaves it")
     try:
         tty.setraw(0)
-        # Ctrl-C and Ctrl-U take away what somebody may have left running or typed.
-        connection.sendall(f"\x03\x15{typed}\r".encode())
+        _wait_for_prompt(connection)
+        connection.sendall(f"{typed}\r".encode())
         return _pass_through(connection, line is not None)
     finally:
         termios.tcsetattr(0, termios.TCSADRAIN, before)
@@ -53,6 +57,23 @@ def _connect(folder):
     finally:
         os.close(descriptor)
     return connection
+
+
+def _wait_for_prompt(connection):
+    """The shell at the other end may only just be starting: what it is sent before it asks for something is lost."""
+    seen, end = b"", time.monotonic() + 20
+    # Ctrl-C and Ctrl-U take away what somebody may have left running or typed.
+    nudge = b"\x03\x15\r"
+    while PROMPT not in seen:
+        if time.monotonic() > end:
+            raise Failure("the recorder's terminal does not answer")
+        connection.sendall(nudge)
+        nudge = b"\r"
+        if select.select([connection], [], [], 0.5)[0]:
+            output = connection.recv(1 << 16)
+            if not output:
+                raise Failure("the recorder's terminal has gone")
+            seen += output
 
 
 def _pass_through(connection, framed):
