@@ -287,9 +287,11 @@ TEST(StoreEngine, releasingAChannelWaitsForARunningCallback) {
     ASSERT_TRUE(listener.waitUntilInside());
     std::atomic<bool> released{false};
     bool insideAfter = true;
+    std::size_t heardAtRelease = 0;
     std::thread releaser([&] {
         channel.reset();
         insideAfter = listener.isInside();
+        heardAtRelease = listener.heard.size();
         released = true;
     });
     // The releaser cannot get past the callback, however long it has been trying.
@@ -298,9 +300,11 @@ TEST(StoreEngine, releasingAChannelWaitsForARunningCallback) {
     listener.letGo();
     releaser.join();
     EXPECT_FALSE(insideAfter);
-    EXPECT_THAT(listener.heard, SizeIs(1)) << "nothing after the release";
+    // The second event may still have come before the releaser did, but nothing comes after it.
+    engine.setInteger(kLed, 3);
     engine.stop();
-    EXPECT_THAT(listener.heard, SizeIs(1));
+    EXPECT_THAT(listener.heard, SizeIs(heardAtRelease));
+    EXPECT_LE(heardAtRelease, 2U);
 }
 
 TEST(StoreEngine, aChannelMayBeReleasedInsideItsCallback) {
