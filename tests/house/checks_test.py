@@ -80,7 +80,7 @@ class Wording(unittest.TestCase):
         self.assertIn(expected, output)
 
     def test_a_sound_tree_passes(self):
-        self.check("", {"README.md": "Board specification file; part 3 of 7; https" + "://example.org\n", "a.txt": "build/work/x"})
+        self.check("", {"README.md": "Board specification file; part 3 of 7; https" + "://example.org\n", "a.txt": "build/" "work/x"})
 
     def test_a_chapter_of_a_document(self):
         self.check("mentions a document", {"slots/a.cpp": "// see Par" + "t 3.4\n"})
