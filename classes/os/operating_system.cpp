@@ -1,15 +1,19 @@
 #include "classes/os/operating_system.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +22,9 @@
 #include "thread_sleep.h"
 
 namespace {
+
+// Older C libraries have no name for it, and older kernels ignore it.
+constexpr unsigned long kNoSymbolicLinks = 256;
 
 constexpr int kUeventReceiveBuffer = 16 * 1024 * 1024; // bytes; the kernel doubles it for its own bookkeeping
 
@@ -59,6 +66,49 @@ int OperatingSystem::system(const std::string& line) {
 int OperatingSystem::makeDirectory(const std::string& path, mode_t mode) { return ::mkdir(path.c_str(), mode); }
 
 int OperatingSystem::unlink(const std::string& path) { return ::unlink(path.c_str()); }
+
+bool OperatingSystem::exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
+
+int OperatingSystem::createFile(const std::string& path, mode_t mode) {
+    const int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+    return descriptor == -1 ? -1 : ::close(descriptor);
+}
+
+bool OperatingSystem::isRunning(const std::string& name) {
+    DIR* const processes = ::opendir("/proc");
+    if (processes == nullptr) return false;
+    bool found = false;
+    while (const dirent* entry = found ? nullptr : ::readdir(processes)) {
+        if (std::isdigit(static_cast<unsigned char>(entry->d_name[0])) == 0) continue;
+        const int descriptor = ::open(("/proc/" + std::string(entry->d_name) + "/comm").c_str(), O_RDONLY | O_CLOEXEC);
+        if (descriptor == -1) continue; // it has ended meanwhile
+        char program[32] = {};
+        const ssize_t length = ::read(descriptor, program, sizeof program - 1);
+        ::close(descriptor);
+        found = length > 0 && std::strstr(program, name.c_str()) != nullptr;
+    }
+    ::closedir(processes);
+    return found;
+}
+
+bool OperatingSystem::isLink(const std::string& path) {
+    struct stat status;
+    return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
+
+int OperatingSystem::guardMount(const std::string& path) {
+    struct statvfs mounted;
+    if (::statvfs(path.c_str(), &mounted) == -1) return -1;
+    // This kind of remount leaves the file system alone and replaces all flags of the mount: those it has are given again.
+    unsigned long flags = MS_REMOUNT | MS_BIND | kNoSymbolicLinks | MS_NODEV | MS_NOSUID | MS_NOEXEC;
+    if ((mounted.f_flag & ST_RDONLY) != 0) flags |= MS_RDONLY;
+    if ((mounted.f_flag & ST_NODIRATIME) != 0) flags |= MS_NODIRATIME;
+    if ((mounted.f_flag & ST_NOATIME) != 0)
+        flags |= MS_NOATIME;
+    else
+        flags |= (mounted.f_flag & ST_RELATIME) != 0 ? MS_RELATIME : MS_STRICTATIME;
+    return ::mount(nullptr, path.c_str(), nullptr, flags, nullptr);
+}
 
 int OperatingSystem::startThread(ThreadKind kind, void* (*body)(void*), void* argument, pthread_t& thread) {
     pthread_attr_t attributes;
@@ -124,6 +174,11 @@ int OperatingSystem::pollUevents(int socket, int wake) {
         if (wake != -1 && descriptors[1].revents != 0) return 0;
         if (descriptors[0].revents != 0) return 1;
     }
+}
+
+int OperatingSystem::lookForUevent(int socket) {
+    pollfd descriptor{socket, POLLIN, 0};
+    return ::poll(&descriptor, 1, 0);
 }
 
 ssize_t OperatingSystem::receiveUevent(int socket, void* buffer, std::size_t size) {

@@ -45,6 +45,17 @@ public:
 
     virtual int makeDirectory(const std::string& path, mode_t mode);
     virtual int unlink(const std::string& path);
+    virtual bool exists(const std::string& path);
+    // An empty file; one that is there already keeps its mode and loses its content. 0 or -1.
+    virtual int createFile(const std::string& path, mode_t mode);
+    // Whether some process has `name` in the name of its program, where pgrep would find it. No process is started for
+    // the look.
+    virtual bool isRunning(const std::string& name);
+    // Whether `path` itself is a symbolic link, wherever it leads.
+    virtual bool isLink(const std::string& path);
+    // Sets nosymfollow, nodev, nosuid and noexec on what is mounted at `path` and keeps its other flags. A kernel before 5.10
+    // knows no nosymfollow and sets the rest. Fails where nothing is mounted.
+    virtual int guardMount(const std::string& path);
 
     // Starts a thread with all signals blocked: only the main thread takes them. Returns 0 or the error number.
     virtual int startThread(ThreadKind kind, void* (*body)(void*), void* argument, pthread_t& thread);
@@ -60,6 +71,8 @@ public:
     virtual int bindUevents(int socket, std::uint32_t groups);
     // Waits for a datagram or for `wake` (an eventfd; -1 for none). 1: a datagram, 0: woken, -1: failed.
     virtual int pollUevents(int socket, int wake);
+    // Whether a datagram is there already, without waiting. 1: yes, 0: no, -1: failed.
+    virtual int lookForUevent(int socket);
     virtual ssize_t receiveUevent(int socket, void* buffer, std::size_t size);
     // Datagrams dropped since the socket was opened.
     virtual std::uint32_t droppedUevents(int socket);

@@ -2,29 +2,36 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
-#include <sys/syscall.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <csignal>
-#include <cstdlib>
+#include <chrono>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
+#include <mutex>
+#include <optional>
 #include <string_view>
 #include <utility>
 
+#include "child_process.h"
+#include "descriptor.h"
 #include "diagnostic_line.h"
+#include "line_directory.h"
+#include "line_limits.h"
+#include "printable.h"
+#include "process_group.h"
+#include "spawn_settings.h"
 
 namespace {
 
 constexpr int kNoShell = 127;
+constexpr int kTookTooLong = 124; // as timeout(1) says it
 constexpr char kShell[] = "/bin/bash";
 
 // The kernel takes 32 pages for one argument, its terminator included; pages have 4096 bytes or more.
@@ -36,12 +43,17 @@ constexpr char kScriptPath[] = "/proc/self/fd/3";
 
 // What stands before every line.
 //
+// The line begins when the daemon says so, with a line end on the standard input: by then it stands on record which
+// process group the line is, for the next daemon to end when this one is killed. One that is killed before it can say so
+// leaves a shell that ends by itself.
+//
 // A file called "-r" among those that "*" stands for must never become an option of rm, and must be removed like the
 // others. The shell has expanded the arguments before rm sees them, so rm cannot tell an option from a file of that
 // name: the one option that our lines use, a first argument that is exactly -f, is therefore the only one there is,
 // everything behind it is a file, and so is a first argument that is anything else. The worst that a file's name can do
 // is to be taken for -f itself.
 constexpr char kPrelude[] =
+    "read -r || exit; unset REPLY; exec </dev/null\n"
     "umask 022\n"
     "rm() { if [ \"${1-}\" = -f ]; then shift; command rm -f -- \"$@\"; else command rm -- \"$@\"; fi; }\n";
 
@@ -52,67 +64,6 @@ char pathVariable[] = "PATH=/usr/local/bin:/bin:/usr/bin:/sbin:/usr/sbin:/usr/lo
 // Messages and numbers of the tools are read by the daemon: never in the words of some language.
 char localeVariable[] = "LC_ALL=C";
 char* const kEnvironment[] = {pathVariable, localeVariable, nullptr};
-
-// A descriptor, closed with its holder. Those of ours never are standard descriptors, whatever the program was started
-// with: the child's standard descriptors are put in place one after the other.
-class Descriptor {
-public:
-    Descriptor() = default;
-    explicit Descriptor(int descriptor) : _descriptor(descriptor) {
-        if (_descriptor < 0 || _descriptor > STDERR_FILENO) return;
-        const int low = _descriptor;
-        _descriptor = fcntl(low, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-        const int error = errno;
-        close(low);
-        errno = error;
-    }
-    ~Descriptor() { reset(); }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    Descriptor(Descriptor&& other) noexcept : _descriptor(std::exchange(other._descriptor, -1)) {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        std::swap(_descriptor, other._descriptor);
-        return *this;
-    }
-
-    int get() const { return _descriptor; }
-    bool isOpen() const { return _descriptor >= 0; }
-    void reset() {
-        if (isOpen()) close(_descriptor);
-        _descriptor = -1;
-    }
-
-private:
-    int _descriptor = -1;
-};
-
-// The empty directory that a line starts in, of this line alone: what a relative name or a "*" means after a "pushd"
-// that failed is nothing. It goes with the line; a program left in the background keeps a working directory without a
-// name.
-class PrivateDirectory {
-public:
-    PrivateDirectory() {
-        for (const char* parent : {"/run", "/tmp"}) {
-            _path = std::string(parent) + "/mediad.XXXXXX";
-            if (mkdtemp(_path.data()) != nullptr) return;
-        }
-        _path.clear();
-    }
-    ~PrivateDirectory() {
-        if (_path.empty() || rmdir(_path.c_str()) == 0) return;
-        // A tool left something behind there, a memory image for instance.
-        std::error_code ignored;
-        std::filesystem::remove_all(_path, ignored);
-    }
-    PrivateDirectory(const PrivateDirectory&) = delete;
-    PrivateDirectory& operator=(const PrivateDirectory&) = delete;
-
-    bool exists() const { return !_path.empty(); }
-    const std::string& path() const { return _path; }
-
-private:
-    std::string _path;
-};
 
 // Whether a queue's list of schedulers, "[mq-deadline] kyber none", has `name` in it.
 bool offers(std::string_view list, std::string_view name) {
@@ -163,25 +114,9 @@ Descriptor fileHolding(const std::string& text) {
     return file;
 }
 
-// What a child is started with; owns the two structures of posix_spawn.
-struct SpawnSettings {
-    posix_spawn_file_actions_t actions;
-    posix_spawnattr_t attributes;
-    SpawnSettings() {
-        posix_spawn_file_actions_init(&actions);
-        posix_spawnattr_init(&attributes);
-    }
-    ~SpawnSettings() {
-        posix_spawnattr_destroy(&attributes);
-        posix_spawn_file_actions_destroy(&actions);
-    }
-    SpawnSettings(const SpawnSettings&) = delete;
-    SpawnSettings& operator=(const SpawnSettings&) = delete;
-};
-
-// Starts the shell with `line`; its standard output is `output`, nothing when that is -1. 0 and `shell`, or the
-// error number.
-int startShell(const std::string& line, int output, const std::string& directory, pid_t& shell) {
+// Starts the shell with `line`; its standard output is `output`, nothing when that is -1. It begins with the line once
+// it has read a line end from `gate`. 0 and `shell`, or the error number.
+int startShell(const std::string& line, int output, int gate, const std::string& directory, pid_t& shell) {
     std::string script = kPrelude + line;
     Descriptor file;
     const bool asArgument = script.size() <= kLongestArgument;
@@ -196,21 +131,11 @@ int startShell(const std::string& line, int output, const std::string& directory
         posix_spawn_file_actions_addopen(actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
     else
         posix_spawn_file_actions_adddup2(actions, output, STDOUT_FILENO);
-    posix_spawn_file_actions_addopen(actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(actions, gate, STDIN_FILENO);
     if (!asArgument) posix_spawn_file_actions_adddup2(actions, file.get(), kScriptDescriptor);
     // Descriptors that some library opened without close-on-exec stay here as well.
     posix_spawn_file_actions_addclosefrom_np(actions, asArgument ? kScriptDescriptor : kScriptDescriptor + 1);
     posix_spawn_file_actions_addchdir_np(actions, directory.c_str());
-
-    // The loop's thread blocks every signal and the daemon ignores SIGPIPE: neither is for the tools. A session of
-    // their own, so that an interrupt from the terminal of a daemon in the foreground does not end a repair half way.
-    sigset_t all;
-    sigset_t none;
-    sigfillset(&all);
-    sigemptyset(&none);
-    posix_spawnattr_setsigdefault(&settings.attributes, &all);
-    posix_spawnattr_setsigmask(&settings.attributes, &none);
-    posix_spawnattr_setflags(&settings.attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSID);
 
     char name[] = "bash";
     char noProfile[] = "--noprofile";
@@ -224,23 +149,14 @@ int startShell(const std::string& line, int output, const std::string& directory
                        kEnvironment);
 }
 
-// The wait status as a shell tells it.
-int exitStatus(int status) {
-    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
-}
-
-// Waits for the shell; with WNOHANG in `options`, looks whether it has ended. True when it has.
-bool shellEnded(pid_t shell, int options, int& status) {
-    pid_t ended = 0;
-    do {
-        ended = waitpid(shell, &status, options);
-    } while (ended == -1 && errno == EINTR);
-    if (ended == -1) {
-        // Somebody else took the status, so there is nothing more to wait for.
-        writeDiagnosticLine(" lost the exit status of a shell command", errno);
-        status = kNoShell << 8;
+// The wait status as a shell tells it, for a child that has ended.
+int exitStatus(const ChildProcess& shell) {
+    if (shell.lostStatus() != 0) {
+        writeDiagnosticLine(" lost the exit status of a shell command", shell.lostStatus());
+        return kNoShell;
     }
-    return ended != 0;
+    const int status = shell.status();
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
 // Reads up to `size` bytes of the shell's output: into the buffer while there is room, then into nothing.
@@ -267,25 +183,10 @@ private:
     std::size_t _room;
 };
 
-// Takes the output until the shell has ended, and then what it left in the pipe. A program in the background may keep
-// the other end for ever, and may go on writing.
-int captureUntilEnd(pid_t shell, Descriptor& pipe, OutputSink& sink) {
-    constexpr std::size_t kPiece = 65536;
-    // Without a pidfd (a kernel before 5.3) the shell is looked after between waits.
-    constexpr int kLookMilliseconds = 20;
-    const Descriptor end(static_cast<int>(syscall(SYS_pidfd_open, shell, 0)));
-    fcntl(pipe.get(), F_SETFL, O_NONBLOCK);
+constexpr std::size_t kPiece = 65536;
 
-    int status = 0;
-    for (;;) {
-        std::array<pollfd, 2> waits{{{pipe.get(), POLLIN, 0}, {end.get(), POLLIN, 0}}};
-        poll(waits.data(), waits.size(), end.isOpen() ? -1 : kLookMilliseconds);
-        if (shellEnded(shell, WNOHANG, status)) break;
-        if (sink.take(pipe.get(), kPiece) == 0) {
-            shellEnded(shell, 0, status);
-            return status;
-        }
-    }
+// Takes what is in the pipe now: somebody may go on writing for ever.
+void takeRest(const Descriptor& pipe, OutputSink& sink) {
     int left = 0;
     if (ioctl(pipe.get(), FIONREAD, &left) == -1) left = 0;
     while (left > 0) {
@@ -294,7 +195,51 @@ int captureUntilEnd(pid_t shell, Descriptor& pipe, OutputSink& sink) {
         if (taken <= 0) break;
         left -= static_cast<int>(taken);
     }
-    return status;
+}
+
+// Takes the output until the shell has ended, and then what it left in the pipe. A program in the background may keep
+// the other end for ever. False when the shell has not ended at the deadline.
+bool captureUntilEnd(ChildProcess& shell, Descriptor& pipe, OutputSink& sink, ChildProcess::Clock::time_point deadline) {
+    for (;;) {
+        std::array<pollfd, 2> waits{{{pipe.get(), POLLIN, 0}, {shell.endDescriptor(), POLLIN, 0}}};
+        const int left = ChildProcess::millisecondsUntil(deadline);
+        poll(waits.data(), waits.size(),
+             shell.endDescriptor() == -1 ? std::min(left, ChildProcess::kLookMilliseconds) : left);
+        if (shell.hasEnded()) break;
+        if (sink.take(pipe.get(), kPiece) == 0) return shell.endsBefore(deadline);
+        if (ChildProcess::Clock::now() >= deadline) return false;
+    }
+    takeRest(pipe, sink);
+    return true;
+}
+
+// Whether the line runs a tool that checks, repairs or makes a file system: "fsck" or "mkfs" at the start of a path's
+// last part or of a word.
+bool isFileSystemLine(std::string_view line) {
+    static constexpr std::string_view kBefore = "/ \t\n;&|(";
+    for (const std::string_view tool : {"fsck", "mkfs"})
+        for (std::size_t at = line.find(tool); at != std::string_view::npos; at = line.find(tool, at + 1))
+            if (at == 0 || kBefore.find(line[at - 1]) != std::string_view::npos) return true;
+    return false;
+}
+
+// For one line on standard error, whatever the command line has in it.
+std::string shown(const std::string& line) {
+    constexpr std::size_t kShown = 200;
+    return printable(line.size() <= kShown ? line : line.substr(0, kShown) + "...");
+}
+
+std::string shown(std::chrono::milliseconds time) {
+    return time.count() % 1000 == 0 ? std::to_string(time.count() / 1000) + " s" : std::to_string(time.count()) + " ms";
+}
+
+// What killed daemons left is ended once, in front of the first line: until then nothing of ours happens to a medium. A
+// process that was forked off is another one.
+void endLeftLinesOnce() {
+    static constinit std::mutex lock;
+    static constinit pid_t doneFor = 0;
+    const std::lock_guard guard(lock);
+    if (std::exchange(doneFor, getpid()) != getpid()) LineDirectory::endLeftLines(kEnvironment);
 }
 
 } // namespace
@@ -307,6 +252,7 @@ int FileUtils::executeCommand(const std::string& line, char* output, std::size_t
     const std::string command = withThisKernelsScheduler(line.c_str());
     const bool captured = output != nullptr && outputSize > 0;
     if (captured) *output = '\0';
+    endLeftLinesOnce();
 
     Descriptor pipeOut;
     Descriptor pipeIn;
@@ -319,26 +265,53 @@ int FileUtils::executeCommand(const std::string& line, char* output, std::size_t
         pipeOut = Descriptor(ends[0]);
         pipeIn = Descriptor(ends[1]);
     }
-    const PrivateDirectory directory;
+    // A socket: a shell that is gone before it has read must not cost us a signal.
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == -1) {
+        writeDiagnosticLine(" cannot run a shell command", errno);
+        return kNoShell;
+    }
+    Descriptor gate(ends[0]);
+    Descriptor shellsGate(ends[1]);
+    const LineDirectory directory;
     if (!directory.exists()) {
         writeDiagnosticLine(" cannot make a directory to run a shell command in", errno);
         return kNoShell;
     }
 
-    pid_t shell = -1;
-    const int error = startShell(command, pipeIn.get(), directory.path(), shell);
+    const LineLimits& limits = LineLimits::ofProcess();
+    const auto limit = isFileSystemLine(command) ? limits.fileSystemLine : limits.line;
+    const auto deadline = ChildProcess::Clock::now() + limit;
+    pid_t process = -1;
+    const int error = startShell(command, pipeIn.get(), shellsGate.get(), directory.start(), process);
     if (error != 0) {
         writeDiagnosticLine(" cannot run a shell command", error);
         return kNoShell;
     }
     // While ours is open the output has no end, and only the shell's own end says that it is complete.
     pipeIn.reset();
+    shellsGate.reset();
+    ChildProcess shell(process);
+    directory.record(process);
+    send(gate.get(), "\n", 1, MSG_NOSIGNAL);
+    gate.reset();
 
+    std::optional<OutputSink> sink;
     if (captured) {
-        OutputSink sink(output, outputSize);
-        return exitStatus(captureUntilEnd(shell, pipeOut, sink));
+        fcntl(pipeOut.get(), F_SETFL, O_NONBLOCK);
+        sink.emplace(output, outputSize);
     }
-    int status = 0;
-    shellEnded(shell, 0, status);
-    return exitStatus(status);
+    if (captured ? captureUntilEnd(shell, pipeOut, *sink, deadline) : shell.endsBefore(deadline))
+        return exitStatus(shell);
+
+    // The shell's status is not taken before its group is gone: until then nobody else gets the group's number. What it
+    // has to say while it ends must find its way out of the pipe.
+    const bool ended = endProcessGroup(process, [&] {
+        if (captured) sink->take(pipeOut.get(), kPiece);
+    });
+    // Its last words came after the last look into the pipe.
+    if (captured) takeRest(pipeOut, *sink);
+    writeDiagnosticLine((ended ? " ended a shell command that took more than "
+                               : " left a shell command behind that took more than ") +
+                        shown(limit) + ": " + shown(command));
+    return kTookTooLong;
 }

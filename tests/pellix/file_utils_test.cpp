@@ -25,6 +25,7 @@
 
 #include "child.h"
 #include "daemonizer.h"
+#include "platform/pellix/line_limits.h"
 
 namespace {
 
@@ -341,6 +342,7 @@ TEST_F(FileUtilsTest, WithoutAPrivateDirectoryNothingRuns) {
         char buffer[] = "before";
         EXPECT_EQ(FileUtils().executeCommand("echo x", buffer, sizeof buffer), 127);
         EXPECT_STREQ(buffer, "");
+        if (!HasFailure()) _exit(0); // a build that counts its lines would want to write them down, in a tree below /tmp
     });
     if (ending.status == 77) GTEST_SKIP() << "no mounts of one's own here";
     EXPECT_EQ(ending.status, 0);
@@ -545,6 +547,326 @@ TEST_F(SchedulerTest, QueueThatIsNotThereFails) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(run("/bin/echo noop > /sys/block/sdnone/queue/scheduler").status, 1);
     testing::internal::GetCapturedStderr();
+}
+
+// ---- lines that take too long
+
+class LimitTest : public FileUtilsTest {
+protected:
+    void SetUp() override {
+        FileUtilsTest::SetUp();
+        // Long enough for a shell to get as far as its waiting, on a busy machine too.
+        LineLimits::ofProcess().line = std::chrono::milliseconds(1200);
+    }
+    void TearDown() override {
+        LineLimits::ofProcess() = LineLimits();
+        FileUtilsTest::TearDown();
+    }
+
+    static Result runQuietly(const std::string& line) {
+        testing::internal::CaptureStderr();
+        const Result result = run(line);
+        said() = testing::internal::GetCapturedStderr();
+        return result;
+    }
+    // Of a line that makes "/tmp/ready" on its way: once more, with twice the time, as long as a busy machine has not let it
+    // get that far.
+    static Result runUntilReady(const std::string& line) {
+        for (;;) {
+            std::filesystem::remove("/tmp/ready");
+            Result result = runQuietly(line);
+            std::chrono::milliseconds& limit = LineLimits::ofProcess().line;
+            if (std::filesystem::exists("/tmp/ready") || limit > std::chrono::seconds(60)) return result;
+            limit *= 2;
+        }
+    }
+    static std::string& said() {
+        static std::string text;
+        return text;
+    }
+    // The process whose number the line has written into the file.
+    static pid_t writtenTo(const std::string& file) { return std::atoi(contentOf(file).c_str()); }
+    static bool isThere(pid_t process) {
+        const std::string state = statusOf(process, "State");
+        return process > 0 && !state.empty() && state[0] != 'Z';
+    }
+};
+
+TEST_F(LimitTest, AreAMinuteAnHourAndSomeSeconds) {
+    const LineLimits limits;
+    EXPECT_EQ(limits.line, std::chrono::seconds(60));
+    EXPECT_EQ(limits.fileSystemLine, std::chrono::hours(1));
+    EXPECT_EQ(limits.grace, std::chrono::seconds(5));
+    EXPECT_EQ(limits.end, std::chrono::seconds(2));
+}
+
+TEST_F(LimitTest, LineThatHangsIsEnded) {
+    const std::string line = "echo before; sleep 1000 & echo $! >/tmp/tool; >/tmp/ready; wait; echo behind";
+    const Result result = runUntilReady(line);
+    EXPECT_EQ(result.status, 124);
+    EXPECT_EQ(result.output, "before\n");
+    const std::string limit = std::to_string(LineLimits::ofProcess().line.count());
+    EXPECT_EQ(said(), "Media Manager ended a shell command that took more than " + limit + " ms: " + line + "\n");
+    EXPECT_FALSE(isThere(writtenTo("/tmp/tool")));
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(FileUtils().executeCommand("sleep 1000 | cat"), 124);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "Media Manager ended a shell command that took more than " + limit + " ms: sleep 1000 | cat\n");
+}
+
+TEST_F(LimitTest, LineHasTimeToEndByItself) {
+    const Result result = runUntilReady("trap 'echo bye; exit 0' TERM; >/tmp/ready; sleep 1000 & wait");
+    EXPECT_EQ(result.output, "bye\n");
+    EXPECT_EQ(result.status, 124) << "not the success that it speaks of";
+}
+
+TEST_F(LimitTest, WhoDoesNotListenIsKilled) {
+    LineLimits::ofProcess().grace = std::chrono::milliseconds(100);
+    EXPECT_EQ(runQuietly("trap '' TERM; echo $$ >/tmp/shell; sleep 1000").status, 124);
+    EXPECT_FALSE(isThere(writtenTo("/tmp/shell")));
+    // The shell goes at once; what it has started does not.
+    EXPECT_EQ(runQuietly("(trap '' TERM; echo $BASHPID >/tmp/tool; while :; do sleep 1000; done); :").status, 124);
+    EXPECT_FALSE(isThere(writtenTo("/tmp/tool")));
+}
+
+TEST_F(LimitTest, StoppedLineIsEndedToo) {
+    LineLimits::ofProcess().grace = std::chrono::seconds(60);
+    EXPECT_EQ(runUntilReady("trap 'echo bye; exit' TERM; >/tmp/ready; kill -STOP $$").output, "bye\n");
+}
+
+TEST_F(LimitTest, TalkativeLineIsEndedToo) {
+    const Result result = runQuietly("yes; :");
+    EXPECT_EQ(result.status, 124);
+    EXPECT_EQ(result.output.size(), 65535U);
+    // One that must get rid of what it has to say before it can end.
+    EXPECT_EQ(runUntilReady("trap 'head -c 300000 /dev/zero | tr \\\\0 x; exit' TERM; >/tmp/ready; sleep 1000 & wait")
+                  .output.size(),
+              65535U);
+}
+
+TEST_F(LimitTest, CheckingAndMakingFileSystemsMayTakeLonger) {
+    LineLimits::ofProcess().fileSystemLine = std::chrono::seconds(60);
+    for (const char* tool : {"fsck.hfsplus", "mkfs"}) {
+        const std::string path = std::string(kMedium) + "/" + tool;
+        writeFile(path, "sleep 1.5\n");
+        chmod(path.c_str(), 0755);
+        EXPECT_EQ(runQuietly(path + " -q /dev/null 2>&1").status, 0) << tool;
+        EXPECT_EQ(runQuietly("cd " + std::string(kMedium) + "; PATH=/bin:. " + tool + " /dev/null").status, 0);
+    }
+    for (const char* line : {"sleep 1000; rm -f \"mkfs.mov\"", "sleep 1000; : notmkfs", "sleep 1000; : x.fsck"})
+        EXPECT_EQ(runQuietly(line).status, 124) << line;
+    LineLimits::ofProcess() = {.line = std::chrono::seconds(60), .fileSystemLine = std::chrono::milliseconds(1200)};
+    EXPECT_EQ(runQuietly("sleep 1000; fsck.hfsplus /dev/sdb2").status, 124);
+    EXPECT_EQ(runQuietly("fsck() { sleep 1000; }; fsck").status, 124);
+}
+
+TEST_F(LimitTest, WhatIsLeftInTheBackgroundIsNotCounted) {
+    EXPECT_EQ(runQuietly("sleep 1000 & echo $! >/tmp/endpoint").status, 0);
+    const pid_t endpoint = writtenTo("/tmp/endpoint");
+    // The other line takes longer than the first one might have.
+    EXPECT_EQ(runQuietly("sleep 1000").status, 124);
+    EXPECT_TRUE(isThere(endpoint));
+    kill(endpoint, SIGKILL);
+}
+
+TEST_F(LimitTest, WhatIsSaidOfALineIsOneShortLine) {
+    runQuietly("sleep 1000 # \x1b[2J\n" + std::string(100'000, 'x'));
+    EXPECT_EQ(said(), "Media Manager ended a shell command that took more than 1200 ms: sleep 1000 # ?[2J?" +
+                          std::string(200 - 18, 'x') + "...\n");
+}
+
+TEST_F(LimitTest, WhatCannotBeEndedIsLeftBehind) {
+    const Ending ending = runInChild([] {
+        LineLimits::ofProcess().grace = LineLimits::ofProcess().end = std::chrono::milliseconds(100);
+        // As good as a process that hangs in the kernel.
+        if (!makeSystemCallsFail({SYS_kill}, EPERM)) _exit(77);
+        EXPECT_EQ(FileUtils().executeCommand("sleep 4; :"), 124);
+        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), 0) << "it is still there";
+        // Its status is taken when it has ended after all.
+        EXPECT_TRUE(eventually([] {
+            FileUtils().executeCommand("true");
+            siginfo_t ended{};
+            return waitid(P_ALL, 0, &ended, WEXITED | WNOHANG | WNOWAIT) == -1;
+        }));
+    });
+    if (ending.status == 77) GTEST_SKIP() << "system calls cannot be filtered here";
+    EXPECT_EQ(ending.status, 0);
+    EXPECT_EQ(ending.diagnostics,
+              "Media Manager left a shell command behind that took more than 1200 ms: sleep 4; :\n");
+}
+
+// ---- lines that outlive the daemon
+
+class LeftLineTest : public LimitTest {
+protected:
+    void SetUp() override {
+        if (kEmulated) GTEST_SKIP() << "what /proc says of a process is the emulator's";
+        LimitTest::SetUp();
+        LineLimits::ofProcess().line = std::chrono::seconds(60);
+        for (const char* file : {"/tmp/shell", "/tmp/tool"}) unlink(file);
+        run("true"); // this process has looked for left lines; those that it forks have not
+    }
+
+    // A daemon that runs the line; returns when the sleep runs whose number the line has written into /tmp/tool.
+    static pid_t startDaemon(const std::string& line) {
+        const pid_t daemon = fork();
+        if (daemon == 0) _exit(FileUtils().executeCommand("echo $$ >/tmp/shell; " + line));
+        EXPECT_TRUE(eventually([] { return isSleep(writtenTo("/tmp/tool")); }));
+        return daemon;
+    }
+    static bool isSleep(pid_t process) {
+        return process > 0 && contentOf("/proc/" + std::to_string(process) + "/comm") == "sleep\n";
+    }
+    static void killDaemon(pid_t daemon) {
+        kill(daemon, SIGKILL);
+        EXPECT_EQ(waitpid(daemon, nullptr, 0), daemon);
+    }
+    // What the next daemon says when it runs its first line.
+    static std::string startNext() {
+        const Ending ending = runInChild([] { EXPECT_EQ(run("echo x").output, "x\n"); });
+        EXPECT_EQ(ending.status, 0) << ending.diagnostics;
+        return ending.diagnostics;
+    }
+    static void leaveRecord(const std::string& folder, mode_t mode, const std::string& text) {
+        ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);
+        writeFile(folder + "/process", text);
+        ASSERT_EQ(chmod(folder.c_str(), mode), 0);
+    }
+
+    // The tool is not the shell's last command, so that the shell waits for it.
+    static constexpr char kLine[] = "sleep 1000 & echo $! >/tmp/tool; wait; :";
+};
+
+TEST_F(LeftLineTest, IsEndedByTheNextDaemon) {
+    killDaemon(startDaemon(kLine));
+    const pid_t tool = writtenTo("/tmp/tool");
+    EXPECT_TRUE(isThere(tool)) << "a shell's end does not end what it has started";
+    EXPECT_EQ(startNext(), "Media Manager ended what an earlier run has left running: bash, sleep\n");
+    EXPECT_FALSE(isThere(tool));
+    EXPECT_FALSE(isThere(writtenTo("/tmp/shell")));
+}
+
+TEST_F(LeftLineTest, IsEndedWhenItsShellIsGone) {
+    const pid_t daemon = startDaemon("trap '' TERM; " + std::string(kLine));
+    kill(daemon, SIGSTOP); // it must not see the shell's end
+    kill(writtenTo("/tmp/shell"), SIGKILL);
+    killDaemon(daemon);
+    const pid_t tool = writtenTo("/tmp/tool");
+    ASSERT_TRUE(eventually([] { return !isThere(writtenTo("/tmp/shell")); }));
+    EXPECT_TRUE(isThere(tool));
+    LineLimits::ofProcess().grace = std::chrono::milliseconds(100); // it does not listen
+    EXPECT_EQ(startNext(), "Media Manager ended what an earlier run has left running: sleep\n");
+    EXPECT_FALSE(isThere(tool));
+}
+
+TEST_F(LeftLineTest, IsEndedOnlyOnceItsDaemonIsGone) {
+    const pid_t daemon = startDaemon(kLine);
+    EXPECT_EQ(startNext(), "");
+    EXPECT_TRUE(isThere(writtenTo("/tmp/tool")));
+    killDaemon(daemon);
+    EXPECT_NE(startNext(), "");
+}
+
+TEST_F(LeftLineTest, LineThatIsOverLeavesNothingToEnd) {
+    // Such as the endpoint of FireWire.
+    const pid_t daemon = startDaemon("sleep 1000 & echo $! >/tmp/tool");
+    waitpid(daemon, nullptr, 0);
+    EXPECT_EQ(startNext(), "");
+    const pid_t tool = writtenTo("/tmp/tool");
+    EXPECT_TRUE(isThere(tool));
+    kill(tool, SIGKILL);
+}
+
+TEST_F(LeftLineTest, FolderOfALineThatIsOverGoes) {
+    const pid_t daemon = startDaemon(kLine);
+    killDaemon(daemon);
+    kill(-writtenTo("/tmp/shell"), SIGKILL);
+    ASSERT_TRUE(eventually([] { return !isThere(writtenTo("/tmp/shell")) && !isThere(writtenTo("/tmp/tool")); }));
+    EXPECT_EQ(startNext(), "");
+}
+
+TEST_F(LeftLineTest, StrangersWithARecordedNumberAreLeftAlone) {
+    // Two groups that the record speaks of: one whose leader came later, one without a leader and with another
+    // environment than ours.
+    const pid_t leader = fork();
+    if (leader == 0) {
+        setsid();
+        for (;;) pause();
+    }
+    const pid_t gone = fork();
+    if (gone == 0) {
+        setsid();
+        clearenv();
+        char name[] = "sleep";
+        char time[] = "1000";
+        char* const arguments[] = {name, time, nullptr};
+        const pid_t member = fork();
+        if (member == 0) execv("/bin/sleep", arguments);
+        writeFile("/tmp/tool", std::to_string(member));
+        _exit(0);
+    }
+    waitpid(gone, nullptr, 0);
+    const pid_t member = writtenTo("/tmp/tool");
+    ASSERT_TRUE(eventually([&] { return isSleep(member); }));
+    ASSERT_TRUE(eventually([&] { return getsid(leader) == leader; }));
+    leaveRecord("/run/mediad.aaaaaa", 0700, "999999 1 " + std::to_string(leader) + " 1\n");
+    leaveRecord("/run/mediad.bbbbbb", 0700, "999999 1 " + std::to_string(gone) + " 1\n");
+    EXPECT_EQ(startNext(), "");
+    EXPECT_TRUE(isThere(leader));
+    EXPECT_TRUE(isThere(member));
+    kill(leader, SIGKILL);
+    kill(member, SIGKILL);
+    waitpid(leader, nullptr, 0);
+}
+
+TEST_F(LeftLineTest, RecordThatAnybodyCouldHaveWrittenIsNotRead) {
+    killDaemon(startDaemon(kLine));
+    const pid_t tool = writtenTo("/tmp/tool");
+    std::string folder;
+    for (const std::string& name : entriesOf("/run"))
+        if (name.rfind("mediad.", 0) == 0) folder = "/run/" + name;
+    const std::string record = contentOf(folder + "/process");
+    std::filesystem::remove_all(folder);
+    leaveRecord("/tmp/mediad.open", 0777, record);
+    leaveRecord("/tmp/real", 0700, record);
+    ASSERT_EQ(symlink("/tmp/real", "/tmp/mediad.link"), 0);
+    leaveRecord("/tmp/mediad.cut", 0700, record.substr(0, record.size() - 1));
+    leaveRecord("/tmp/mediad.none", 0700, "");
+    leaveRecord("/tmp/mediad.text", 0700, "a b c d\n");
+    leaveRecord("/tmp/mediad.init", 0700, "999999 1 1 1\n");
+    EXPECT_EQ(startNext(), "");
+    EXPECT_TRUE(isThere(tool));
+    leaveRecord("/tmp/mediad.good", 0700, record);
+    EXPECT_NE(startNext(), "");
+    EXPECT_FALSE(isThere(tool));
+    for (const char* name :
+         {"mediad.open", "mediad.link", "real", "mediad.cut", "mediad.none", "mediad.text", "mediad.init"})
+        std::filesystem::remove_all(std::string("/tmp/") + name);
+}
+
+TEST_F(LeftLineTest, RecordTellsWhoseLineItIs) {
+    std::istringstream record(run("cat ../process; echo $$").output);
+    int owner = 0;
+    int shell = 0;
+    int self = 0;
+    std::string ownerTime;
+    std::string shellTime;
+    record >> owner >> ownerTime >> shell >> shellTime >> self;
+    EXPECT_EQ(owner, getpid());
+    EXPECT_EQ(shell, self);
+    EXPECT_GT(std::stoll(shellTime), 0);
+    EXPECT_GE(std::stoll(shellTime), std::stoll(ownerTime));
+}
+
+TEST_F(LeftLineTest, ShellThatIsNotToldToBeginDoesNothing) {
+    // As when the daemon is killed before it has written the record.
+    const Ending ending = runInChild([] {
+        if (!makeSystemCallsFail({SYS_sendto}, EPERM)) _exit(77);
+        EXPECT_EQ(run("echo done; echo done >/tmp/medium/done").output, "");
+    });
+    if (ending.status == 77) GTEST_SKIP() << "system calls cannot be filtered here";
+    EXPECT_EQ(ending.status, 0);
+    EXPECT_FALSE(exists("/tmp/medium/done"));
 }
 
 // ---- failures and load

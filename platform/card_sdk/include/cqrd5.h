@@ -16,7 +16,8 @@ public:
     CQRD5BoardScan(bool local, unsigned short boardKind);
     ~CQRD5BoardScan();
 
-    // Looks for boards of the given kind; false when there is none. The boards found are in `boards`.
+    // Looks for boards of the given kind, 0xce for the recorder's card; false when there is none. The boards found are in
+    // `boards`. One thread at a time.
     bool ScanHardware(unsigned short boardKind);
 
     std::vector<Board> boards;
@@ -27,8 +28,9 @@ public:
     CQRD5Card(unsigned short boardIndex, bool local, unsigned short boardType, const char* hostName);
     virtual ~CQRD5Card();
 
-    // Open and the destructor want the card to themselves. After Close, which may come at any time, and before Open
-    // every register operation is false.
+    // Open and the destructor want the card to themselves. Open is false when there is no card, Close when it is not open.
+    // After Close, which may come at any time, and before Open every register operation is false, as it is for a register
+    // that the card does not have; `*value` then stays as it is.
     virtual bool Open(unsigned short boardIndex, bool shared, unsigned short boardType, const char* hostName);
     virtual bool Close();
 

@@ -7,8 +7,6 @@
 #include <string_view>
 
 #include "clip_examiner.h"
-#include "clip_file.h"
-#include "quicktime_header.h"
 
 namespace {
 
@@ -60,16 +58,10 @@ std::string attributeText(const QuickTimeHeader& header) {
 
 } // namespace
 
-eEncodeType_t examineClip(const ClipFile& file, const std::string& path, Clip& clip) {
-    const std::string name = nevo::media::ClipExaminer::clipName(path);
-    // The name is the clip's identity, and an empty one is part of every other.
-    if (name.empty() || !file.isOpen()) return kEncodeUnknown;
-    const auto header = QuickTimeHeader::read(file);
-    if (!header) return kEncodeUnknown;
-    putText(clip.name, name);
-    clip.time = clampTo<std::int32_t>(header->creationTime.value_or(file.modified()));
-    clip.frames = clampTo<std::uint32_t>(header->frames);
-    putText(clip.startTimecode, header->startTimecode);
-    putText(clip.attributes.text, attributeText(*header));
-    return header->encodeType;
+void fillClip(Clip& clip, const std::string& path, std::int64_t modified, const QuickTimeHeader& header) {
+    putText(clip.name, nevo::media::ClipExaminer::clipName(path));
+    clip.time = clampTo<std::int32_t>(header.creationTime.value_or(modified));
+    clip.frames = clampTo<std::uint32_t>(header.frames);
+    putText(clip.startTimecode, header.startTimecode);
+    putText(clip.attributes.text, attributeText(header));
 }

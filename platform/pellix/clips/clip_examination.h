@@ -1,15 +1,14 @@
 #ifndef MEDIAD_PLATFORM_PELLIX_CLIPS_CLIP_EXAMINATION_H
 #define MEDIAD_PLATFORM_PELLIX_CLIPS_CLIP_EXAMINATION_H
 
+#include <cstdint>
 #include <string>
 
 #include "clip.h"
-#include "encode_type.h"
+#include "quicktime_header.h"
 
-class ClipFile;
-
-// Fills the zeroed `clip` from an open clip file, except for the codec flag. Returns the clip's encode type, or
-// kEncodeUnknown, with `clip` as it was, when it is not a usable clip. Any thread.
-eEncodeType_t examineClip(const ClipFile& file, const std::string& path, Clip& clip);
+// Fills the zeroed `clip`, except for the codec flag, with what the header of the clip file at `path` says. `modified`
+// is the file's modification time in seconds since the epoch. Any thread.
+void fillClip(Clip& clip, const std::string& path, std::int64_t modified, const QuickTimeHeader& header);
 
 #endif

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-// A clip file opened for reading, on a medium that anybody may have written. One thread.
+// A clip or playlist file opened for reading, on a medium that anybody may have written. One thread.
 class ClipFile {
 public:
     // Opens regular files only: no link is followed, no device or pipe is touched.

@@ -1,120 +1,45 @@
 #include "clip_finder.h"
 
-#include <cjson/cJSON.h>
-#include <dirent.h>
+#include <malloc.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdint>
 #include <limits>
 #include <map>
+#include <sstream>
+#include <utility>
 #include <vector>
 
-#include "clip_examination.h"
 #include "clip_examiner.h"
-#include "clip_file.h"
-#include "encode_type.h"
+#include "clip_finder_handles.h"
+#include "clip_worker.h"
+#include "medium_index.h"
 #include "parameters.h"
-#include "platform/pellix/diagnostic_line.h"
+#include "playlist.h"
 #include "shared_segment.h"
 
 using namespace nevo::media;
-
-namespace ipc = boost::interprocess;
-
-// The order of the members is the order in which they are opened.
-struct ClipFinder::Handles {
-    Handles()
-        : clips(ipc::open_or_create, clipSegmentName(kCachePrefix).c_str(), ipc::read_write, segmentPermissions()),
-          clipMutex(ipc::open_or_create, clipMutexName(kCachePrefix).c_str(), segmentPermissions()),
-          playlists(ipc::open_or_create, playlistSegmentName(kCachePrefix).c_str(), ipc::read_write,
-                    segmentPermissions()),
-          playlistMutex(ipc::open_or_create, playlistMutexName(kCachePrefix).c_str(), segmentPermissions()) {
-        clips.truncate(static_cast<ipc::offset_t>(kClipSegmentSize));
-        playlists.truncate(static_cast<ipc::offset_t>(kPlaylistSegmentSize));
-    }
-
-    ipc::shared_memory_object clips;
-    ipc::named_mutex clipMutex;
-    ipc::shared_memory_object playlists;
-    ipc::named_mutex playlistMutex;
-};
 
 namespace {
 
 std::string nameOf(const Clip& clip) { return fieldText(clip.name); }
 
-// The same rule as the media watcher's: a substring of the full path, not a suffix.
-bool isClipPath(const std::string& path) {
-    return path.find(".mov") != std::string::npos || path.find(".MOV") != std::string::npos;
-}
-
 // A clip's name in lists that people and programs write: with the file's extension or without. A point in what carries
 // no clip extension belongs to the name ("Scene 1.5").
 std::string withoutExtension(const std::string& name) { return isClipPath(name) ? ClipExaminer::clipName(name) : name; }
 
-// The names in a directory, sorted, so that a scan does not depend on how the file system arranges them.
-std::vector<std::string> listDirectory(const std::string& path) {
-    std::vector<std::string> names;
-    DIR* directory = ::opendir(path.c_str());
-    if (directory == nullptr) {
-        writeDiagnosticLine(" ClipFinder - cannot read " + path, errno);
-        return names;
+// The clips that a playlist names. A record holds the beginning of its file only, so a long playlist is read again.
+std::vector<std::string> clipNamesOf(const PlaylistCacheEntry& entry) {
+    Playlist playlist;
+    std::string text = fieldText(entry.text);
+    if (text.size() == sizeof entry.text) {
+        PlaylistCacheEntry again;
+        readPlaylistFile(fieldText(entry.path), again, playlist);
+    } else {
+        std::istringstream stream(std::move(text));
+        PlaylistReader::Read(stream, playlist);
     }
-    errno = 0;
-    while (const dirent* entry = ::readdir(directory)) names.emplace_back(entry->d_name);
-    if (errno != 0) writeDiagnosticLine(" ClipFinder - reading " + path + " ended early", errno);
-    ::closedir(directory);
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-// The clips of a scan: one for each name, in the order in which they go into the segment, and never more in memory
-// than it has room for, however many files a medium holds.
-class ScannedClips {
-public:
-    void add(const Clip& clip) {
-        if (const auto same = _byName.find(nameOf(clip)); same != _byName.end()) {
-            _ordered.erase(same->second);
-            _byName.erase(same);
-        }
-        Key key{clip.time, nameOf(clip)};
-        _byName[key.second] = key;
-        _ordered.emplace(std::move(key), clip);
-        if (_ordered.size() <= kClipCapacity) return;
-        ++_leftOut;
-        _byName.erase(_ordered.begin()->first.second);
-        _ordered.erase(_ordered.begin());
-    }
-
-    std::size_t leftOut() const { return _leftOut; }
-
-    std::list<Clip> take() {
-        std::list<Clip> clips;
-        // One at a time: a second whole table is a lot for the board.
-        for (; !_ordered.empty(); _ordered.erase(_ordered.begin())) clips.push_back(_ordered.begin()->second);
-        _byName.clear();
-        return clips;
-    }
-
-private:
-    using Key = std::pair<std::int32_t, std::string>; // time, name
-    std::map<Key, Clip> _ordered;
-    std::map<std::string, Key> _byName;
-    std::size_t _leftOut = 0;
-};
-
-// The names in a playlist's text. Like the reader that let it into the cache, only the first line counts.
-std::vector<std::string> clipNamesOf(const PlaylistCacheEntry& playlist) {
-    std::vector<std::string> names;
-    const std::string text = fieldText(playlist.text);
-    cJSON* document = cJSON_Parse(text.substr(0, text.find('\n')).c_str());
-    const cJSON* entry = nullptr;
-    cJSON_ArrayForEach(entry, cJSON_GetObjectItem(document, "cliplist")) {
-        if (const char* name = cJSON_GetStringValue(entry); name != nullptr) names.emplace_back(name);
-    }
-    cJSON_Delete(document);
-    return names;
+    return playlist.clipList;
 }
 
 // The number that ends a clip's name, or nothing where no digit does or no next take could be above it.
@@ -132,32 +57,51 @@ std::int64_t takeNumberOf(const std::string& name) {
 
 } // namespace
 
-ClipFinder::ClipFinder(Config* config) : _config(config), _handles(std::make_unique<Handles>()) {}
+// One piece of work often looks into several clips, the ones that MediaCache adds meanwhile included: one worker does.
+ClipFinder::ClipFinder(Config* config) : _config(config), _handles(std::make_unique<Handles>()) { ClipWorker::keep(); }
 
-ClipFinder::~ClipFinder() = default;
+ClipFinder::~ClipFinder() {
+    ClipWorker::keepNoLonger();
+#ifdef __GLIBC__
+    // The lists are gone by now, but small things that stay were allocated between their records, so that the library would
+    // keep most of their memory: tens of megabytes that the recorder has better use for.
+    if (_handles->hadWholeTables) ::malloc_trim(0);
+#endif
+}
 
 void ClipFinder::scanMedia(std::string path) {
-    const auto encodeType = static_cast<unsigned int>(_config->getInteger(kParamEncodeType));
-    ScannedClips found;
-    for (const std::string& name : listDirectory(path)) {
-        const std::string file = path + "/" + name;
-        if (!isClipPath(file)) continue;
-        const ClipFile clipFile(file);
-        if (!clipFile.isOpen() || clipFile.isBeingWritten()) continue;
-        Clip clip{};
-        const eEncodeType_t clipType = examineClip(clipFile, file, clip);
-        if (clipType == kEncodeUnknown) continue;
-        clip.sameCodec = CIsEncodeType::areEncodeTypesDifferentCodecs(clipType, encodeType) == 0 ? 1 : 0;
-        found.add(clip);
+    // It may be another medium than the last time, under the same path.
+    forgetExaminedFiles();
+    _handles->hadWholeTables = true;
+    std::list<Clip> clips;
+    std::list<PlaylistCacheEntry> playlists;
+    if (const auto names = listDirectory(path)) {
+        bringClipsInStep(clips, path, *names, static_cast<unsigned int>(_config->getInteger(kParamEncodeType)));
+        bringPlaylistsInStep(playlists, path, *names);
     }
-    if (found.leftOut() != 0)
-        writeDiagnosticLine(" ClipFinder - " + path + " has more clips than the cache has room for, left out the " +
-                            std::to_string(found.leftOut()) + " oldest");
-    storeClips(_handles->clips, _handles->clipMutex, found.take());
-    storePlaylists(_handles->playlists, _handles->playlistMutex, {});
+    storeClips(_handles->clips, _handles->clipMutex, clips);
+    storePlaylists(_handles->playlists, _handles->playlistMutex, playlists);
+}
+
+void ClipFinder::bringInStep() {
+    std::string path;
+    _config->getString(kParamStoragePath, path);
+    if (path.empty()) return;
+    // A medium that was pulled cannot be read any more; that is no reason to forget what is on it.
+    const auto names = listDirectory(path);
+    if (!names) return;
+    std::list<Clip> clips = takeClips(_handles->clips, _handles->clipMutex);
+    if (bringClipsInStep(clips, path, *names, static_cast<unsigned int>(_config->getInteger(kParamEncodeType))))
+        storeClips(_handles->clips, _handles->clipMutex, clips);
+    bool written = false;
+    auto playlists = takePlaylists(_handles->playlists, _handles->playlistMutex, written);
+    if (bringPlaylistsInStep(playlists, path, *names))
+        storePlaylists(_handles->playlists, _handles->playlistMutex, playlists);
 }
 
 std::list<Clip> ClipFinder::findClips(bool playlistSelected, bool filtered, bool /*refresh*/) {
+    _handles->hadWholeTables = true;
+    bringInStep();
     std::list<Clip> clips = takeClips(_handles->clips, _handles->clipMutex);
     clips.sort(Clip::compare_clips_by_time);
     if (!playlistSelected || !filtered) return clips;
@@ -183,6 +127,7 @@ std::list<Clip> ClipFinder::findClips(bool playlistSelected, bool filtered, bool
 void ClipFinder::flushClips() { storeClips(_handles->clips, _handles->clipMutex, {}); }
 
 void ClipFinder::flushAll() {
+    forgetExaminedFiles();
     flushClips();
     storePlaylists(_handles->playlists, _handles->playlistMutex, {});
 }

@@ -20,22 +20,29 @@ public:
     ClipFinder(const ClipFinder&) = delete;
     ClipFinder& operator=(const ClipFinder&) = delete;
 
-    // Examines the clips in the directory `path` and refills both segments, each in one go. Clips are usable clip files
-    // (ClipExaminer) with ".mov" or ".MOV" anywhere in the full path; files that are open for writing at this moment
-    // are left out. Clips of equal time stand in the order of their names. Of more clips than the segment has room for
-    // the newest are kept, so that the take numbering still sees the last ones; one line on standard error says so. Of
-    // two files that give one clip name the later in the order of file names counts. The codec flag is set against the
+    // Examines the clips and playlists in the directory `path` and refills both segments, each in one go. Clips are
+    // usable clip files (ClipExaminer) with ".mov" or ".MOV" anywhere in the full path; playlists are other files with
+    // ".playlist" in it that readPlaylistFile takes. Files that are open for writing at this moment are left out. Clips
+    // of equal time stand in the order of their names. Of more than a segment has room for, the newest clips (the take
+    // numbering must still see the last ones) and the first playlists are kept; one line on standard error says so. Of
+    // two files that give one name the later in the order of file names counts. The codec flag is set against the
     // encode type parameter. A directory that cannot be read is reported in one line and counts as empty.
     void scanMedia(std::string path);
 
-    // The clips of the segment in time order. When the first two flags are both true, only those that the selected
-    // playlist names; none when there is no such playlist. `refresh` is reserved: every call reads the segment.
+    // The clips of the medium in use in time order. When the first two flags are both true, only those that the selected
+    // playlist names; none when there is no such playlist. `refresh` is reserved.
+    //
+    // First both segments are brought in step with the directory in the storage path parameter: records of files that
+    // are gone or no longer usable go, files without a record get one while there is room, files that have changed
+    // (size or modification time) are examined again. Records of files that are open for writing stay as they are. A
+    // segment that is in step already is not written. Nothing is touched while the parameter is empty or the directory
+    // cannot be read.
     std::list<Clip> findClips(bool playlistSelected, bool filtered, bool refresh);
 
     // Empties the clip segment.
     void flushClips();
 
-    // Empties both segments.
+    // Empties both segments and forgets what was found in the files.
     void flushAll();
 
     // The clip that is current after the clips named in `deleted` (file names, or "*" for all) are gone: `current`
@@ -47,7 +54,13 @@ public:
     // be above are no take numbers.
     void ensureNextRecordedTakeIsGreaterThanAnyOnMedia(std::list<Clip>& clips);
 
+    // Removes the first clip of the segment whose name occurs in `path`, a full path of a clip file; true when there
+    // was one. The segment is rewritten in every case. (media/clip_removal.cpp)
+    bool removeClip(std::string path);
+
 private:
+    void bringInStep();
+
     struct Handles; // the clip and playlist segments with their mutexes
     Config* _config;
     std::unique_ptr<Handles> _handles;

@@ -5,11 +5,18 @@
 //
 // The lock protocol is part of the format: a segment is mapped only while its named mutex is held, and unmapped before
 // the mutex is given back. The mutex is a POSIX named semaphore; a process that dies while it holds it leaves it
-// locked for everybody until the system restarts, so nobody may be killed in between.
+// locked, so nobody may be killed in between. The recorder itself takes it over after a while (segment_mutex.h).
+//
+// Its pages are taken from the shared-memory file system when it is made, and where a hole is found later: a page that is
+// not to be had when it is first touched would be SIGBUS, for whoever touches it. Who only looks reads around holes.
 //
 // Whoever only wants to look calls readClips or readPlaylists: they create nothing and throw nothing. Everything else
 // here throws boost::interprocess::interprocess_exception on failure. Any thread may call anything; the handles
 // that are passed in belong to one thread at a time.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <boost/date_time/posix_time/posix_time_types.hpp>
@@ -25,8 +32,11 @@
 #include <list>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "clip.h"
+#include "playlist.h"
+#include "segment_mutex.h"
 #include "signals_held.h"
 
 namespace nevo::media {
@@ -36,9 +46,6 @@ inline std::string clipSegmentName(const std::string& prefix) { return prefix + 
 inline std::string clipMutexName(const std::string& prefix) { return prefix + kClipMagic + "_mutex"; }
 inline std::string playlistSegmentName(const std::string& prefix) { return prefix + kPlaylistMagic + "_shm"; }
 inline std::string playlistMutexName(const std::string& prefix) { return prefix + kPlaylistMagic + "_mutex"; }
-
-// Everybody on the recorder may read and write them. The semaphores obey the umask, so who makes them needs umask 0.
-inline boost::interprocess::permissions segmentPermissions() { return boost::interprocess::permissions(0777); }
 
 // --- The bytes of a mapped segment. Nothing in it is aligned, hence the copying; a count is whatever somebody wrote
 // --- there, hence the bounds.
@@ -61,6 +68,10 @@ inline std::list<Clip> clipsOf(const std::byte* segment, bool& written) {
     return clips;
 }
 
+// Called before each record that is written, with the lock held, and told which segment it is: simulation lets a daemon die
+// there.
+inline void (*beforeRecord)(const char* magic) = nullptr;
+
 // Writes text, count and records. Records behind the new count and the padding of each keep the bytes they had. Clips
 // beyond the capacity are not written: refuse them before it comes to this.
 inline void putClips(std::byte* segment, const std::list<Clip>& clips) {
@@ -70,6 +81,7 @@ inline void putClips(std::byte* segment, const std::list<Clip>& clips) {
     std::size_t i = 0;
     for (const Clip& clip : clips) {
         if (i == count) break;
+        if (beforeRecord != nullptr) beforeRecord(kClipMagic);
         std::memcpy(segment + kClipRecordsOffset + kClipStride * i++, &clip, kClipBytesCopied);
     }
 }
@@ -91,6 +103,7 @@ inline void putPlaylists(std::byte* segment, const std::list<PlaylistCacheEntry>
     std::size_t i = 0;
     for (const PlaylistCacheEntry& playlist : playlists) {
         if (i == count) break;
+        if (beforeRecord != nullptr) beforeRecord(kPlaylistMagic);
         std::memcpy(segment + kPlaylistRecordsOffset + kPlaylistStride * i++, &playlist, kPlaylistStride);
     }
 }
@@ -101,24 +114,66 @@ std::string fieldText(const char (&field)[size]) {
     return std::string(field, strnlen(field, size));
 }
 
-// The name under which a playlist is known: the last component of its path, up to the first ".playlist".
-inline std::string playlistName(const PlaylistCacheEntry& playlist) {
-    std::string name = fieldText(playlist.path);
-    if (name.empty()) return "."; // what basename gives
-    while (name.size() > 1 && name.back() == '/') name.pop_back();
-    if (name.size() > 1) name.erase(0, name.rfind('/') + 1);
-    return name.substr(0, name.find(".playlist"));
+// The name under which a playlist is known.
+inline std::string playlistName(const PlaylistCacheEntry& playlist) { return playlistName(fieldText(playlist.path)); }
+
+// --- The pages of a segment.
+
+// Whether each of the `size` bytes has memory of its own.
+inline bool isAllocated(int segment, std::size_t size) {
+    struct stat status;
+    return ::fstat(segment, &status) == 0 && static_cast<std::uint64_t>(status.st_blocks) * 512 >= size;
+}
+
+// Gives the segment memory where it has none, and changes no byte that is there.
+inline void allocate(const boost::interprocess::shared_memory_object& segment, std::size_t size) {
+    const int descriptor = segment.get_mapping_handle().handle;
+    if (isAllocated(descriptor, size)) return;
+    int result;
+    do {
+        result = ::fallocate(descriptor, 0, 0, static_cast<off_t>(size));
+    } while (result == -1 && errno == EINTR);
+    // A kernel that cannot do it beforehand does it page by page, as ever.
+    if (result == -1 && errno != EOPNOTSUPP && errno != ENOSYS)
+        throw boost::interprocess::interprocess_exception(boost::interprocess::error_info(errno));
 }
 
 // --- Access under the mutex.
 
-// Locks `mutex`, maps the whole of `segment` read-write, calls visit(std::byte*) and unmaps before it unlocks. `size`
-// is the size that a segment of its kind has.
-template <typename Visitor>
-void visitSegment(boost::interprocess::shared_memory_object& segment, boost::interprocess::named_mutex& mutex,
-                  std::size_t size, Visitor visit) {
+// The four objects of a medium's index, opened in this order.
+struct SharedSegments {
+    // Opens or makes them, and gives the segments their sizes and their memory: one that has its size already keeps its
+    // contents, a new one becomes all zeros. Nothing is ever removed.
+    explicit SharedSegments(const std::string& prefix)
+        : clips(open(clipSegmentName(prefix))),
+          clipMutex(clipMutexName(prefix)),
+          playlists(open(playlistSegmentName(prefix))),
+          playlistMutex(playlistMutexName(prefix)) {
+        clips.truncate(static_cast<boost::interprocess::offset_t>(kClipSegmentSize));
+        playlists.truncate(static_cast<boost::interprocess::offset_t>(kPlaylistSegmentSize));
+        allocate(clips, kClipSegmentSize);
+        allocate(playlists, kPlaylistSegmentSize);
+    }
+
+    boost::interprocess::shared_memory_object clips;
+    SegmentMutex clipMutex;
+    boost::interprocess::shared_memory_object playlists;
+    SegmentMutex playlistMutex;
+
+private:
+    static boost::interprocess::shared_memory_object open(const std::string& name) {
+        return {boost::interprocess::open_or_create, name.c_str(), boost::interprocess::read_write,
+                segmentPermissions()};
+    }
+};
+
+// Locks `mutex` (a SegmentMutex, or a measurement's cover of one), maps the whole of `segment` read-write, calls
+// visit(std::byte*) and unmaps before it unlocks. `size` is the size that a segment of its kind has. Waits as long as
+// SegmentMutex does; what a writer who died has left behind is then read as it stands, no further than there is room for.
+template <typename Mutex, typename Visitor>
+void visitSegment(boost::interprocess::shared_memory_object& segment, Mutex& mutex, std::size_t size, Visitor visit) {
     namespace ipc = boost::interprocess;
-    ipc::scoped_lock<ipc::named_mutex> lock(mutex);
+    ipc::scoped_lock<Mutex> lock(mutex);
     {
         ipc::mapped_region region(segment, ipc::read_write);
         // Another program has cut it short: touching what is missing would be SIGBUS.
@@ -130,8 +185,7 @@ void visitSegment(boost::interprocess::shared_memory_object& segment, boost::int
 }
 
 // The whole of a segment in one locked access.
-inline std::list<Clip> takeClips(boost::interprocess::shared_memory_object& segment,
-                                 boost::interprocess::named_mutex& mutex) {
+inline std::list<Clip> takeClips(boost::interprocess::shared_memory_object& segment, SegmentMutex& mutex) {
     std::list<Clip> clips;
     visitSegment(segment, mutex, kClipSegmentSize, [&clips](const std::byte* bytes) {
         bool written = false;
@@ -140,22 +194,22 @@ inline std::list<Clip> takeClips(boost::interprocess::shared_memory_object& segm
     return clips;
 }
 
-inline void storeClips(boost::interprocess::shared_memory_object& segment, boost::interprocess::named_mutex& mutex,
+inline void storeClips(boost::interprocess::shared_memory_object& segment, SegmentMutex& mutex,
                        const std::list<Clip>& clips) {
     visitSegment(segment, mutex, kClipSegmentSize, [&clips](std::byte* bytes) { putClips(bytes, clips); });
 }
 
 // `written` becomes false when nobody has written to the segment yet.
 inline std::list<PlaylistCacheEntry> takePlaylists(boost::interprocess::shared_memory_object& segment,
-                                                   boost::interprocess::named_mutex& mutex, bool& written) {
+                                                   SegmentMutex& mutex, bool& written) {
     std::list<PlaylistCacheEntry> playlists;
     visitSegment(segment, mutex, kPlaylistSegmentSize,
                  [&](const std::byte* bytes) { playlists = playlistsOf(bytes, written); });
     return playlists;
 }
 
-inline void storePlaylists(boost::interprocess::shared_memory_object& segment,
-                           boost::interprocess::named_mutex& mutex, const std::list<PlaylistCacheEntry>& playlists) {
+inline void storePlaylists(boost::interprocess::shared_memory_object& segment, SegmentMutex& mutex,
+                           const std::list<PlaylistCacheEntry>& playlists) {
     visitSegment(segment, mutex, kPlaylistSegmentSize,
                  [&playlists](std::byte* bytes) { putPlaylists(bytes, playlists); });
 }
@@ -176,6 +230,20 @@ struct SegmentReading {
     int error = 0; // errno, where there is one
     std::list<Record> records;
 };
+
+// The bytes of a segment that has holes, which read as zeros; reading takes no memory from its file system.
+inline std::vector<std::byte> copyOf(int segment, std::size_t size) {
+    std::vector<std::byte> bytes(size);
+    std::size_t done = 0;
+    while (done < size) {
+        const ssize_t count = ::pread(segment, bytes.data() + done, size - done, static_cast<off_t>(done));
+        if (count == -1 && errno == EINTR) continue;
+        if (count == -1) throw boost::interprocess::interprocess_exception(boost::interprocess::error_info(errno));
+        if (count == 0) break; // cut short this moment
+        done += static_cast<std::size_t>(count);
+    }
+    return bytes;
+}
 
 // What readClips and readPlaylists share: `take` makes the records of a mapped segment.
 template <typename Record>
@@ -200,9 +268,13 @@ SegmentReading<Record> readSegment(const std::string& segmentName, const std::st
         if (!segment.get_size(present) || static_cast<std::uint64_t>(present) < size) {
             reading.state = SegmentState::Unwritten; // made this moment, and not yet sized
         } else {
-            const ipc::mapped_region region(segment, ipc::read_only, 0, size);
             bool written = false;
-            reading.records = take(static_cast<const std::byte*>(region.get_address()), written);
+            if (const int descriptor = segment.get_mapping_handle().handle; isAllocated(descriptor, size)) {
+                const ipc::mapped_region region(segment, ipc::read_only, 0, size);
+                reading.records = take(static_cast<const std::byte*>(region.get_address()), written);
+            } else {
+                reading.records = take(copyOf(descriptor, size).data(), written);
+            }
             reading.state = written ? SegmentState::Filled : SegmentState::Unwritten;
         }
         lock.unlock();

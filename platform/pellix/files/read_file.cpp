@@ -1,23 +1,23 @@
-#include "classes/files/read_file.h"
+#include "read_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 
-#include "classes/diagnostics/diagnostics.h"
-
 bool read_file(const std::string& path, std::string& text) {
     text.clear();
-    const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Without O_NONBLOCK a FIFO that somebody put on a medium would hold us for ever.
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (descriptor == -1) return false;
     struct stat status;
     if (::fstat(descriptor, &status) == -1) {
         ::close(descriptor);
-        reportPlain("::read_file - fstat failed\n");
+        std::fputs("::read_file - fstat failed\n", stderr);
         return false;
     }
     // On a 32-bit board a file may be larger than any buffer; its size must not wrap.
@@ -28,14 +28,14 @@ bool read_file(const std::string& path, std::string& text) {
         fits ? static_cast<char*>(std::calloc(size + 1, 1)) : nullptr, &std::free);
     if (!buffer) {
         ::close(descriptor);
-        reportPlain("::read_file - malloc failed\n");
+        std::fputs("::read_file - malloc failed\n", stderr);
         return false;
     }
     // One read on purpose: a file that comes in pieces is a file that somebody is still writing.
     const ssize_t count = ::read(descriptor, buffer.get(), size);
     ::close(descriptor);
     if (count < 0 || static_cast<std::size_t>(count) < size) {
-        reportPlain("::read_file - read failed to read enough data\n");
+        std::fputs("::read_file - read failed to read enough data\n", stderr);
         return false;
     }
     text = buffer.get();

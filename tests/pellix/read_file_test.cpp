@@ -1,6 +1,6 @@
 // Whole files in one read.
 
-#include "classes/files/read_file.h"
+#include "read_file.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

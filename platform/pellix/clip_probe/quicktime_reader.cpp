@@ -1,4 +1,4 @@
-#include "quicktime_header.h"
+#include "quicktime_reader.h"
 
 #include <unistd.h>
 
@@ -10,7 +10,7 @@
 #include <mutex>
 #include <string_view>
 
-#include "clip_file.h"
+#include "platform/pellix/clips/probe_record.h"
 
 extern "C" {
 #include <libavformat/avformat.h>
@@ -25,9 +25,12 @@ constexpr int kBufferSize = 32 * 1024;
 // A day's worth of sample tables is a small part of this. A file that asks for more was made to keep the reader busy.
 constexpr std::int64_t kReadBudget = std::int64_t{256} << 20;
 
+constexpr int kMostStreams = 32;
+
 // Where the reader stands in the file.
 struct Source {
-    const ClipFile* file;
+    int descriptor;
+    std::int64_t size;
     std::int64_t position;
     std::int64_t budget;
 };
@@ -37,7 +40,7 @@ int readPacket(void* opaque, std::uint8_t* buffer, int size) {
     if (size <= 0 || source.budget < size) return AVERROR(EIO);
     ssize_t got;
     do {
-        got = ::pread(source.file->descriptor(), buffer, static_cast<std::size_t>(size), source.position);
+        got = ::pread(source.descriptor, buffer, static_cast<std::size_t>(size), source.position);
     } while (got == -1 && errno == EINTR);
     if (got == -1) return AVERROR(errno);
     if (got == 0) return AVERROR_EOF;
@@ -50,13 +53,13 @@ std::int64_t seekPacket(void* opaque, std::int64_t offset, int whence) {
     auto& source = *static_cast<Source*>(opaque);
     std::int64_t target = offset;
     switch (whence & ~AVSEEK_FORCE) {
-    case AVSEEK_SIZE: return source.file->size();
+    case AVSEEK_SIZE: return source.size;
     case SEEK_SET: break;
     case SEEK_CUR:
         if (__builtin_add_overflow(source.position, offset, &target)) return AVERROR(EINVAL);
         break;
     case SEEK_END:
-        if (__builtin_add_overflow(source.file->size(), offset, &target)) return AVERROR(EINVAL);
+        if (__builtin_add_overflow(source.size, offset, &target)) return AVERROR(EINVAL);
         break;
     default: return AVERROR(EINVAL);
     }
@@ -105,18 +108,6 @@ const char* tag(const AVDictionary* dictionary, const char* key) {
 
 bool isDigit(char c) { return c >= '0' && c <= '9'; }
 
-// Two digits three times, a separator in front of the frames ("." and ";" mark drop frame), two or three digits of
-// frames. Anything else was not made by a timecode track.
-bool isTimecode(std::string_view text) {
-    if (text.size() != 11 && text.size() != 12) return false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const bool separator = i == 2 || i == 5 || i == 8;
-        if (!separator && !isDigit(text[i])) return false;
-        if (separator && text[i] != ':' && !(i == 8 && (text[i] == ';' || text[i] == '.'))) return false;
-    }
-    return true;
-}
-
 int number(std::string_view digits) {
     int value = 0;
     std::from_chars(digits.data(), digits.data() + digits.size(), value);
@@ -157,7 +148,7 @@ std::unique_ptr<AVFormatContext, ReleaseFormat> openFormat(AVIOContext* input) {
     av_dict_set(&options, "use_absolute_path", "0", 0);
     av_dict_set(&options, "ignore_editlist", "1", 0);
     av_dict_set(&options, "probesize", "1048576", 0);
-    av_dict_set(&options, "max_streams", "32", 0);
+    av_dict_set_int(&options, "max_streams", kMostStreams, 0);
     // Frees the context itself when it fails.
     const int result = avformat_open_input(&format, "", av_find_input_format("mov"), &options);
     av_dict_free(&options);
@@ -166,7 +157,7 @@ std::unique_ptr<AVFormatContext, ReleaseFormat> openFormat(AVIOContext* input) {
 
 } // namespace
 
-std::optional<QuickTimeHeader> QuickTimeHeader::read(const ClipFile& file) {
+std::optional<QuickTimeHeader> readQuickTimeHeader(int descriptor, std::int64_t size) {
     // Both are the process's: nobody else in it uses this library.
     static std::once_flag once;
     std::call_once(once, [] {
@@ -174,7 +165,7 @@ std::optional<QuickTimeHeader> QuickTimeHeader::read(const ClipFile& file) {
         av_max_alloc(kLargestAllocation);
     });
 
-    Source source{&file, 0, kReadBudget};
+    Source source{descriptor, size, 0, kReadBudget};
     auto* buffer = static_cast<unsigned char*>(av_malloc(kBufferSize));
     if (buffer == nullptr) return std::nullopt;
     const std::unique_ptr<AVIOContext, ReleaseInput> input(
@@ -192,7 +183,7 @@ std::optional<QuickTimeHeader> QuickTimeHeader::read(const ClipFile& file) {
         const AVStream* stream = format->streams[i];
         const AVCodecParameters& parameters = *stream->codecpar;
         if (parameters.codec_type == AVMEDIA_TYPE_AUDIO) {
-            header.audioChannels += std::clamp(parameters.ch_layout.nb_channels, 0, 1024);
+            header.audioChannels += std::clamp(parameters.ch_layout.nb_channels, 0, kMostAudioChannels / kMostStreams);
         } else if (parameters.codec_type == AVMEDIA_TYPE_VIDEO && video == nullptr &&
                    encodeTypeOf(parameters.codec_tag) != kEncodeUnknown) {
             video = stream;
