@@ -41,7 +41,7 @@ StoreClient::~StoreClient() {
 bool StoreClient::start(local_socket::Deadline deadline) {
     _wakeUp = Descriptor(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
     if (!_wakeUp.isOpen()) return false;
-    Link link = attach(deadline);
+    Link link = attach(wire::Mode::Watch, deadline);
     if (!link || !_mirror.start()) return false;
     {
         const std::lock_guard<std::mutex> lock(_mutex);
@@ -50,14 +50,11 @@ bool StoreClient::start(local_socket::Deadline deadline) {
     return startQuietThread(_thread, "store-client", [this] { run(); });
 }
 
-StoreClient::Link StoreClient::attach(local_socket::Deadline deadline) {
+StoreClient::Link StoreClient::attach(wire::Mode mode, local_socket::Deadline deadline) {
     auto link = std::make_shared<Descriptor>(local_socket::connectBy(kStoreSocket, deadline));
     if (!link->isOpen()) return nullptr;
     wire::Subscription everything;
-    {
-        const std::lock_guard<std::mutex> lock(_mutex);
-        everything.mode = _listening ? wire::Mode::Listen : wire::Mode::Watch;
-    }
+    everything.mode = mode;
     everything.values = true;
     // Nothing has been sent yet, so there is room for both.
     if (local_socket::send(link->number(), wire::hello(kHelloRequest)) != Io::Done ||
@@ -65,6 +62,31 @@ StoreClient::Link StoreClient::attach(local_socket::Deadline deadline) {
         !receiveValues(link->number(), deadline))
         return nullptr;
     return link;
+}
+
+bool StoreClient::comeBack() {
+    for (;;) {
+        wire::Mode mode = wire::Mode::Watch;
+        {
+            const std::lock_guard<std::mutex> lock(_mutex);
+            if (_listening) mode = wire::Mode::Listen;
+        }
+        Link link = attach(mode, SteadyClock::now() + kAnswerDeadline);
+        if (!link) return false;
+        const std::lock_guard<std::mutex> lock(_mutex);
+        // A listener that came meanwhile could not tell the host, and relies on the connection that begins now. What
+        // this one has told as missed the next one tells again.
+        if (_listening && mode != wire::Mode::Listen) continue;
+        _link = std::move(link);
+        break;
+    }
+    // Only now: a listener answers from within its callback, and its answer must find the way to the host.
+    for (wire::Value& event : _missed) {
+        gettimeofday(&event.when, nullptr);
+        takeEvent(event);
+    }
+    _missed.clear();
+    return true;
 }
 
 // Waits until there is something to receive (a socket of -1 never has), at most so long. False when the client is to
@@ -96,7 +118,8 @@ bool StoreClient::receiveValues(int socket, local_socket::Deadline deadline) {
             welcomed = true;
             if (life != _life) _lastSequence = 0;
             _life = life;
-            _missedAfter = _lastSequence;
+            _missed.clear();
+            _missedTextBytes = 0;
         } else if (header.request == kValuesRequest && header.type == wire::Type::Status) {
             _firstValues = false;
             return welcomed;
@@ -106,17 +129,18 @@ bool StoreClient::receiveValues(int socket, local_socket::Deadline deadline) {
     }
 }
 
-void StoreClient::takeValue(const wire::Value& value) {
-    // Nobody has listened before the first values, so none of them has been missed.
-    const bool missed = !_firstValues && value.entry.sequence > _missedAfter;
-    _lastSequence = std::max(_lastSequence, value.entry.sequence);
-    if (!missed) {
+void StoreClient::takeValue(wire::Value value) {
+    // Nobody has listened before the first values, so none of them has been missed. Of later ones _lastSequence hears
+    // with their events: a connection that ends among its values has told of nothing.
+    if (_firstValues || value.entry.sequence <= _lastSequence) {
+        _lastSequence = std::max(_lastSequence, value.entry.sequence);
         _mirror.restore(value.id, value.entry);
         return;
     }
-    wire::Value event = value;
-    gettimeofday(&event.when, nullptr);
-    takeEvent(event);
+    // No store has more than this.
+    _missedTextBytes += value.entry.text.size();
+    if (_missed.size() < StoreEngine::kMostIdentifiers && _missedTextBytes <= StoreEngine::kMostTextBytes)
+        _missed.push_back(std::move(value));
 }
 
 void StoreClient::takeEvent(const wire::Value& value) {
@@ -140,7 +164,7 @@ bool StoreClient::handle(const std::uint8_t* data, std::size_t size) {
         wire::Value value;
         if (!wire::readValue(data, size, value)) return false;
         if (header.request == kValuesRequest)
-            takeValue(value);
+            takeValue(std::move(value));
         else
             finish(header.request, kConfigOk, &value);
         return true;
@@ -201,15 +225,14 @@ void StoreClient::run() {
         if (_speaks) sayLine("paramstore: the store's host is gone; trying again every second");
         // The first try comes at once, unless the connection was only just made: a host that cuts us off again and
         // again is not to be stormed.
-        if (SteadyClock::now() - since >= kRetry) link = attach(SteadyClock::now() + kAnswerDeadline);
-        while (!link) {
+        bool back = SteadyClock::now() - since >= kRetry && comeBack();
+        while (!back) {
             if (!waitFor(-1, static_cast<int>(kRetry.count()))) return;
-            link = attach(SteadyClock::now() + kAnswerDeadline);
+            back = comeBack();
         }
-        if (_speaks) sayLine("paramstore: the store is back");
         since = SteadyClock::now();
-        const std::lock_guard<std::mutex> lock(_mutex);
-        _link = std::move(link);
+        // Last: a console that takes no more does not keep from the host what listeners answer.
+        if (_speaks) sayLine("paramstore: the store is back");
     }
 }
 

@@ -8,8 +8,8 @@
 // on the calling thread, which may be a listener's callback.
 //
 // When the host is lost the connection is tried again every second. A set that the client has missed meanwhile raises
-// its event then (of several sets of one parameter, the last); a value that merely fell back to its default, as a
-// command does in a new host, raises none.
+// its event then (of several sets of one parameter, the last), as soon as a listener's answer reaches the host; a value
+// that merely fell back to its default, as a command does in a new host, raises none.
 
 #include <chrono>
 #include <condition_variable>
@@ -50,7 +50,7 @@ public:
     eConfigStatus_t getString(eParam_t id, std::string& value);
 
     // Adds a listener to the mirror, at the point in the stream of events where the host has heard of it: no earlier
-    // set reaches it, and every later one does.
+    // set reaches it, and every later one does. While the host is away, what is missed counts as later.
     void addListener(const void* owner, ConfigEvents* listener);
     void removeListeners(const void* owner) { _mirror.removeListeners(owner); }
 
@@ -72,11 +72,14 @@ private:
     bool ask(Request& request, const std::function<wire::Packet(std::uint32_t)>& make);
     eConfigStatus_t get(eParam_t id, ParameterType type, StoreEntry& entry);
 
-    Link attach(local_socket::Deadline deadline);
+    // A connection that has told its values; the missed ones are in _missed. Requests do not use it yet.
+    Link attach(wire::Mode mode, local_socket::Deadline deadline);
+    // Attaches, lets requests through and raises the events of what was missed. False when there is no host.
+    bool comeBack();
     bool receiveValues(int socket, local_socket::Deadline deadline);
     bool waitFor(int socket, int milliseconds);
     bool handle(const std::uint8_t* data, std::size_t size);
-    void takeValue(const wire::Value& value);
+    void takeValue(wire::Value value);
     void takeEvent(const wire::Value& value);
     void finish(std::uint32_t number, int status, const wire::Value* value);
     void lose();
@@ -90,8 +93,9 @@ private:
     Buffer _buffer;
     std::uint64_t _life = 0;
     std::uint64_t _lastSequence = 0; // of this life of the host, as far as it has been received
-    std::uint64_t _missedAfter = 0;  // sets above it have been missed, while the values come in
     bool _firstValues = true;
+    std::vector<wire::Value> _missed; // sets that the connection just made has told of, in their order
+    std::size_t _missedTextBytes = 0;
     bool _overflowSaid = false;
 
     // Guards everything below. The mirror's lock may be taken under it, never the other way round.

@@ -38,6 +38,16 @@ bool StoreEngine::fits(StoreTable::const_iterator found, std::size_t textSize) c
     return _textBytes - replaced + textSize <= kMostTextBytes;
 }
 
+bool StoreEngine::isPossible(eParam_t id, const StoreEntry& entry) const {
+    const eConfigStatus_t verdict = entry.type == ParameterType::Integer
+                                        ? checkValue(id, entry.integer)
+                                        : checkValue(id, std::string_view(entry.text));
+    if (verdict != kConfigOk) return false;
+    const ParameterDescriptor* descriptor = findParameter(id);
+    if (descriptor != nullptr && descriptor->type != entry.type) return false;
+    return fits(_table.find(id), entry.text.size());
+}
+
 StoreEntry& StoreEngine::put(eParam_t id, ParameterType type, int integer, std::string_view text) {
     StoreEntry& entry = _table[id];
     _textBytes = _textBytes - entry.text.size() + text.size();
@@ -95,21 +105,15 @@ bool StoreEngine::find(eParam_t id, StoreEntry& entry) const {
 }
 
 bool StoreEngine::restore(eParam_t id, const StoreEntry& entry) {
-    const eConfigStatus_t verdict = entry.type == ParameterType::Integer
-                                        ? checkValue(id, entry.integer)
-                                        : checkValue(id, std::string_view(entry.text));
-    if (verdict != kConfigOk) return false;
     const std::lock_guard<std::mutex> lock(_mutex);
-    const auto found = _table.find(id);
-    const ParameterDescriptor* descriptor = findParameter(id);
-    if (descriptor != nullptr && descriptor->type != entry.type) return false;
-    if (!fits(found, entry.text.size())) return false;
+    if (!isPossible(id, entry)) return false;
     put(id, entry.type, entry.integer, entry.text);
     return true;
 }
 
 bool StoreEngine::apply(eParam_t id, const StoreEntry& entry, timeval when) {
     const std::lock_guard<std::mutex> lock(_mutex);
+    if (!isPossible(id, entry)) return true;
     put(id, entry.type, entry.integer, entry.text).sequence = ++_sequence;
     if (_pendingBytes > kMostPendingBytes) return false;
     push(id, entry.type == ParameterType::Integer ? Kind::Integer : Kind::Text, entry.integer, entry.text, when);

@@ -76,8 +76,9 @@ public:
     // entry's sequence is not taken over. False when a bound or the value rules forbid it.
     bool restore(eParam_t id, const StoreEntry& entry);
 
-    // Takes over a set that another process's store has accepted: the value, of whatever type, and its event. Too many
-    // waiting events cost the event, not the value; false tells of it.
+    // Takes over a set that another process's store has accepted: the value, of whatever type where no descriptor names
+    // the identifier, and its event. What no store accepts is passed over without a word: a listener may rely on the
+    // value rules whoever hosts the store. Too many waiting events cost the event, not the value; false tells of it.
     bool apply(eParam_t id, const StoreEntry& entry, timeval when);
 
     // Raises a binary-data event. The store has no binary parameters, so nothing but a test does this.
@@ -130,6 +131,8 @@ private:
     };
 
     eConfigStatus_t store(eParam_t id, ParameterType type, int integer, std::string_view text);
+    // Whether the rules, the descriptors and the bounds allow the value. Under _mutex.
+    bool isPossible(eParam_t id, const StoreEntry& entry) const;
     bool fits(StoreTable::const_iterator found, std::size_t textSize) const;
     StoreEntry& put(eParam_t id, ParameterType type, int integer, std::string_view text);
     void push(eParam_t id, Kind kind, int integer, std::string_view text, timeval when);

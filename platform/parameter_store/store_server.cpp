@@ -18,7 +18,6 @@ namespace {
 
 using SteadyClock = std::chrono::steady_clock;
 
-constexpr std::size_t kRequestsInOneTurn = 16; // so that no client keeps the others waiting
 constexpr std::chrono::milliseconds kAcceptPause{100};
 
 // In practice another number for every life of a host since the machine was switched on; the clock of the day may have
@@ -173,6 +172,27 @@ void StoreServer::thinOut(Connection& connection) {
     connection.thinAtBytes = std::max(kWatcherBytes, 2 * connection.bytes);
 }
 
+// What a thinned queue still holds is told as of now. Read when it is sent, a value could be that of a later set, whose
+// own event would then be passed over: the listener would never hear of it.
+void StoreServer::makeListener(Connection& connection, const StoreTable& table) {
+    const auto isOpen = [](const Outgoing& outgoing) { return outgoing.kind == Kind::Event && !outgoing.packet; };
+    if (std::none_of(connection.queue.begin(), connection.queue.end(), isOpen)) return;
+    // Those values stand for what was queued since the thinning, too: behind them it would lead back.
+    thinOut(connection);
+    std::deque<Outgoing> queue = std::exchange(connection.queue, {});
+    for (Outgoing& outgoing : queue) {
+        forget(connection, outgoing);
+        if (outgoing.kind == Kind::Event) {
+            const auto found = table.find(outgoing.id);
+            if (found == table.end()) continue;
+            outgoing.sequence = found->second.sequence;
+            outgoing.packet = std::make_shared<const wire::Packet>(
+                wire::event(outgoing.id, found->second, outgoing.when));
+        }
+        enqueue(connection, std::move(outgoing));
+    }
+}
+
 bool StoreServer::mayWrite(int socket, uid_t user, gid_t group) const {
     if (user == 0) return true;
     if (!_groupExists) return false;
@@ -240,25 +260,24 @@ void StoreServer::answer(Connection& connection, wire::Packet packet) {
     enforceBoundOfAll();
 }
 
+// One request in a turn, so that no client keeps the others waiting: looking for a second one would only delay what the
+// first has set going, and poll tells of it.
 void StoreServer::readFrom(Connection& connection) {
-    for (std::size_t each = 0; each < kRequestsInOneTurn && !connection.gone; ++each) {
-        {
-            const std::lock_guard<std::mutex> lock(_mutex);
-            if (connection.answers >= kMostAnswers) return;
-        }
-        std::size_t size = 0;
-        switch (local_socket::receive(connection.socket.number(), _buffer.data(), size)) {
-        case local_socket::Io::Done:
-            connection.gone = !handle(connection, _buffer.data(), size);
-            break;
-        case local_socket::Io::Again:
-            return;
-        case local_socket::Io::Interrupted:
-            break;
-        case local_socket::Io::Closed:
-            connection.gone = true;
-            break;
-        }
+    {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        if (connection.answers >= kMostAnswers) return;
+    }
+    std::size_t size = 0;
+    switch (local_socket::receive(connection.socket.number(), _buffer.data(), size)) {
+    case local_socket::Io::Done:
+        connection.gone = !handle(connection, _buffer.data(), size);
+        break;
+    case local_socket::Io::Closed:
+        connection.gone = true;
+        break;
+    case local_socket::Io::Again:
+    case local_socket::Io::Interrupted:
+        break;
     }
 }
 
@@ -307,6 +326,7 @@ bool StoreServer::subscribe(Connection& connection, std::uint32_t request, wire:
     // Between two sets: every one of them is either in the values or an event behind them, and none is both.
     _engine.inspect([&](const StoreTable& table) {
         const std::lock_guard<std::mutex> lock(_mutex);
+        if (subscription.mode == wire::Mode::Listen) makeListener(connection, table);
         connection.mode = subscription.mode;
         connection.wanted = {subscription.identifiers.begin(), subscription.identifiers.end()};
         const auto add = [&](wire::Packet packet) {
@@ -386,8 +406,14 @@ void StoreServer::bidFarewell() {
 
 void StoreServer::run() {
     std::vector<pollfd> descriptors;
+    bool woken = false;
     for (;;) {
         for (Connection& connection : _connections) sendTo(connection);
+        // Whoever waits for an event does not wait for this.
+        if (woken) {
+            std::uint64_t count = 0;
+            [[maybe_unused]] const ssize_t drained = ::read(_wakeUp.number(), &count, sizeof count);
+        }
 
         SteadyClock::time_point next = SteadyClock::time_point::max();
         const SteadyClock::time_point now = SteadyClock::now();
@@ -421,8 +447,7 @@ void StoreServer::run() {
             const std::lock_guard<std::mutex> lock(_mutex);
             _awake = true;
         }
-        std::uint64_t count = 0;
-        [[maybe_unused]] const ssize_t drained = ::read(_wakeUp.number(), &count, sizeof count);
+        woken = descriptors[0].revents != 0;
 
         std::size_t index = 2;
         for (Connection& connection : _connections) {

@@ -57,7 +57,7 @@ private:
     struct Outgoing {
         Kind kind;
         eParam_t id;                                // of an Event
-        std::shared_ptr<const wire::Packet> packet; // null: the event of what the value is when it is sent
+        std::shared_ptr<const wire::Packet> packet; // null, a watcher's only: of what the value is when it is sent
         timeval when;
         std::uint64_t sequence; // of the set that an Event tells of
     };
@@ -103,6 +103,7 @@ private:
     void enqueue(Connection& connection, Outgoing outgoing);
     void forget(Connection& connection, const Outgoing& outgoing);
     void thinOut(Connection& connection);
+    void makeListener(Connection& connection, const StoreTable& table);
     void cutOff(Connection& connection);
     void enforceBounds(Connection& connection);
     void enforceBoundOfAll();

@@ -100,6 +100,78 @@ TEST(StoreEngine, stringsHaveALimitAndNoNul) {
     EXPECT_THAT(listener.heard, SizeIs(1));
 }
 
+// The names that may stand in the storage manager's command lines, and those that must not.
+struct DeletionRow {
+    const char* request;
+    bool taken;
+};
+std::ostream& operator<<(std::ostream& out, const DeletionRow& row) {
+    return out << testing::PrintToString(std::string(row.request)); // a name of the test, so nothing may be raw
+}
+struct DeletionRequests : testing::TestWithParam<DeletionRow> {};
+
+TEST_P(DeletionRequests, areTakenOrRefusedWhole) {
+    StoreEngine engine;
+    RecordingListener listener;
+    ASSERT_EQ(engine.setString(kParamClipsToDelete, "before.mov"), kConfigOk);
+    engine.addListener(&listener, &listener);
+    const std::string request = GetParam().request;
+    EXPECT_EQ(engine.setString(kParamClipsToDelete, request), GetParam().taken ? kConfigOk : kConfigRefused);
+    std::string value;
+    engine.getString(kParamClipsToDelete, value);
+    EXPECT_EQ(value, GetParam().taken ? request : "before.mov");
+    engine.pump();
+    EXPECT_THAT(listener.heard, SizeIs(GetParam().taken ? 1 : 0)) << "nobody hears of a refused request";
+
+    // What an older store wrote down does not come back either.
+    StoreEntry entry;
+    entry.type = ParameterType::String;
+    entry.text = request;
+    EXPECT_EQ(StoreEngine().restore(kParamClipsToDelete, entry), GetParam().taken);
+    // Nor does what another process's store claims to have taken.
+    StoreEngine mirror;
+    RecordingListener listenerOfMirror;
+    mirror.addListener(&listenerOfMirror, &listenerOfMirror);
+    EXPECT_TRUE(mirror.apply(kParamClipsToDelete, entry, timeval{}));
+    mirror.pump();
+    EXPECT_THAT(listenerOfMirror.heard, SizeIs(GetParam().taken ? 1 : 0));
+    mirror.getString(kParamClipsToDelete, value);
+    EXPECT_EQ(value, GetParam().taken ? request : "");
+    // It is about this parameter only.
+    EXPECT_EQ(engine.setString(kParamClipName, request), kConfigOk);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Taken, DeletionRequests,
+    testing::Values(DeletionRow{"", true}, DeletionRow{"|", true}, DeletionRow{"*", true}, DeletionRow{"a.mov", true},
+                    DeletionRow{"a.mov|b.mov", true}, DeletionRow{"a.mov||b.mov|", true}, DeletionRow{"a.mov|*", true},
+                    DeletionRow{"Take 1 (2).mov", true}, DeletionRow{"*.mov|?|[a]|~|{a,b}|!x|#|&|;|<|>|'", true},
+                    DeletionRow{"...|.hidden|..a|a..", true}, DeletionRow{"a-b|a-", true},
+                    DeletionRow{"Stra\xc3\x9f" "e.mov", true}, DeletionRow{"\xff\x80", true}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Refused, DeletionRequests,
+    testing::Values(DeletionRow{"a\".mov", false}, DeletionRow{"a\\", false}, DeletionRow{"$HOME", false},
+                    DeletionRow{"a$", false}, DeletionRow{"`id`", false}, DeletionRow{"a\nb", false},
+                    DeletionRow{"a\tb", false}, DeletionRow{"a\x01", false}, DeletionRow{"a\x1f", false},
+                    DeletionRow{"a\x7f", false}, DeletionRow{"-", false}, DeletionRow{"-rf", false},
+                    DeletionRow{"--", false}, DeletionRow{".", false}, DeletionRow{"..", false},
+                    DeletionRow{"/", false}, DeletionRow{"a/b", false}, DeletionRow{"../a.mov", false},
+                    DeletionRow{"/etc/passwd", false}, DeletionRow{"a.mov|-rf|b.mov", false},
+                    DeletionRow{"a.mov|..", false}, DeletionRow{"..|a.mov", false}, DeletionRow{"*|a\"", false},
+                    DeletionRow{"a.mov|b.mov|c\\", false}));
+
+TEST(StoreEngine, aSettingThatIsReadAsADeletionRequestCannotLeaveItsQuotes) {
+    StoreEngine engine;
+    for (const char* setting : {"", "A|B", "-12", "a/b", "..", "a\nb", "*", "'x'"})
+        EXPECT_EQ(engine.setString(kParamRecordSetting1302, setting), kConfigOk) << setting;
+    for (const char* setting : {"a\"; reboot", "a\\", "$(reboot)", "`reboot`"})
+        EXPECT_EQ(engine.setString(kParamRecordSetting1302, setting), kConfigRefused) << setting;
+    std::string value;
+    engine.getString(kParamRecordSetting1302, value);
+    EXPECT_EQ(value, "'x'");
+}
+
 TEST(StoreEngine, everySetRaisesOneEventAlsoForTheSameValue) {
     StoreEngine engine;
     RecordingListener one;
@@ -146,6 +218,30 @@ TEST(StoreEngine, nothingIsReplayedToANewListener) {
     engine.pump();
     EXPECT_THAT(first.heard, ElementsAre(integer(kLed, 1), integer(kLed, 2)));
     EXPECT_THAT(late.heard, ElementsAre(integer(kLed, 2)));
+}
+
+TEST(StoreEngine, aSetOfAnotherStoreKeepsTypesAndBounds) {
+    StoreEngine engine;
+    RecordingListener listener;
+    engine.addListener(&listener, &listener);
+    StoreEntry entry;
+    EXPECT_TRUE(engine.apply(kParamClipName, entry, timeval{})) << "an integer for a string parameter";
+    entry.type = ParameterType::String;
+    EXPECT_TRUE(engine.apply(kParamAlarms, entry, timeval{}));
+    entry.text = std::string(1, '\0');
+    EXPECT_TRUE(engine.apply(kParamClipName, entry, timeval{}));
+    engine.pump();
+    EXPECT_THAT(listener.heard, SizeIs(0));
+    std::string clipName;
+    EXPECT_EQ(engine.getString(kParamClipName, clipName), kConfigOk);
+    int alarms = 0;
+    EXPECT_EQ(engine.getInteger(kParamAlarms, alarms), kConfigOk);
+
+    entry = {};
+    for (eParam_t id = 1; id <= StoreEngine::kMostIdentifiers; ++id) engine.apply(id, entry, timeval{});
+    std::size_t identifiers = 0;
+    engine.inspect([&](const StoreTable& table) { identifiers = table.size(); });
+    EXPECT_EQ(identifiers, StoreEngine::kMostIdentifiers);
 }
 
 TEST(StoreEngine, restoreSetsTheValueAndRaisesNothing) {

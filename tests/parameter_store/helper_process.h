@@ -33,7 +33,8 @@ inline bool eventually(const std::function<bool()>& isSo) {
 
 class Program {
 public:
-    explicit Program(const std::string& path) {
+    // Standard error goes to a file, or to `standardError`, which said() then knows nothing of.
+    explicit Program(const std::string& path, int standardError = -1) {
         static int number = 0;
         _errorPath = "/tmp/stderr-" + std::to_string(++number);
         int input[2];
@@ -44,8 +45,11 @@ public:
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, input[0], 0);
         posix_spawn_file_actions_adddup2(&actions, output[1], 1);
-        posix_spawn_file_actions_addopen(&actions, 2, _errorPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND,
-                                         0600);
+        if (standardError != -1)
+            posix_spawn_file_actions_adddup2(&actions, standardError, 2);
+        else
+            posix_spawn_file_actions_addopen(&actions, 2, _errorPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND,
+                                             0600);
         char* arguments[] = {const_cast<char*>(path.c_str()), nullptr};
         EXPECT_EQ(posix_spawn(&_process, path.c_str(), &actions, nullptr, arguments, environ), 0);
         posix_spawn_file_actions_destroy(&actions);
@@ -158,7 +162,7 @@ class Helper : public Program {
 public:
     enum class Starts { Bare, Attached, Hosting };
 
-    explicit Helper(Starts starts) : Program(STORE_HELPER) {
+    explicit Helper(Starts starts, int standardError = -1) : Program(STORE_HELPER, standardError) {
         if (starts == Starts::Bare) return;
         EXPECT_EQ(ask("create"), "ok");
         EXPECT_EQ(ask(starts == Starts::Hosting ? "open udp 0 1" : "open udp 0 0"), "ok");

@@ -53,10 +53,11 @@ std::size_t lines(const std::string& text) {
     return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
 }
 
-// A client without manners.
+// A client without manners, or the other end of one.
 class RawClient {
 public:
-    RawClient() : _socket(local_socket::connectBy(kStoreSocket, std::chrono::steady_clock::now() + kPatience)) {}
+    RawClient() : RawClient(local_socket::connectBy(kStoreSocket, std::chrono::steady_clock::now() + kPatience)) {}
+    explicit RawClient(Descriptor socket) : _socket(std::move(socket)) {}
 
     bool isOpen() const { return _socket.isOpen(); }
     int number() const { return _socket.number(); }
@@ -95,6 +96,59 @@ public:
 
 private:
     Descriptor _socket;
+};
+
+// A host that says what the test wants, when the test wants it.
+class FakeHost {
+public:
+    static constexpr std::uint64_t kLife = 7;
+
+    FakeHost() {
+        std::filesystem::create_directory(kStoreDirectory);
+        _listening = local_socket::listenAt(kStoreSocket, kStoreSocketFresh);
+        EXPECT_TRUE(_listening.isOpen());
+    }
+
+    // The next client's connection, its greeting answered; `subscription` is the number of its request and `mode` what it
+    // wants to be. Not open when nobody comes.
+    RawClient admit(std::uint32_t& subscription, wire::Mode& mode) const {
+        pollfd descriptor{_listening.number(), POLLIN, 0};
+        if (poll(&descriptor, 1, 1000 * static_cast<int>(kPatience.count())) <= 0) return RawClient(Descriptor());
+        RawClient client(Descriptor(accept4(_listening.number(), nullptr, nullptr, SOCK_CLOEXEC)));
+        wire::Header header{};
+        const wire::Packet hello = client.receive();
+        EXPECT_TRUE(wire::readHeader(hello.data(), hello.size(), header) && header.type == wire::Type::Hello);
+        EXPECT_EQ(client.send(wire::welcome(header.request, kLife, true)), Io::Done);
+        wire::Subscription wanted;
+        const wire::Packet subscribe = client.receive();
+        EXPECT_TRUE(wire::readHeader(subscribe.data(), subscribe.size(), header) &&
+                    header.type == wire::Type::Subscribe &&
+                    wire::readSubscribe(subscribe.data(), subscribe.size(), wanted) && wanted.values);
+        subscription = header.request;
+        mode = wanted.mode;
+        return client;
+    }
+
+    // The client has a Config and a channel, and has lost its host, when this returns.
+    void openChannelOnce(Helper& client) const {
+        std::uint32_t subscription = 0;
+        wire::Mode mode = wire::Mode::Nothing;
+        client.tell("open udp 0 0");
+        const RawClient connection = admit(subscription, mode);
+        EXPECT_EQ(mode, wire::Mode::Watch);
+        EXPECT_EQ(connection.send(wire::status(subscription, kConfigOk)), Io::Done);
+        EXPECT_EQ(client.answer(), "ok");
+        // A channel is there when the host answers.
+        client.tell("channel multicast://127.0.0.1:63110/configid=0");
+        const wire::Packet get = connection.receive();
+        wire::Header header{};
+        EXPECT_TRUE(wire::readHeader(get.data(), get.size(), header));
+        EXPECT_EQ(connection.send(wire::status(header.request, kConfigUnknown)), Io::Done);
+        EXPECT_EQ(client.answer(), "ok");
+    }
+
+private:
+    Descriptor _listening;
 };
 
 class StoreProcessTest : public testing::Test {
@@ -574,6 +628,128 @@ TEST_F(StoreProcessTest, setsThatWereMissedDuringALossAreHeardOnce) {
     EXPECT_THAT(client.events(4), SizeIs(4));
 }
 
+TEST_F(StoreProcessTest, theAnswerToACommandThatWasMissedReachesTheHost) {
+    const std::string gone = "paramstore: the store's host is gone; trying again every second\n";
+    const std::string back = "paramstore: the store is back\n";
+    auto paramd = std::make_unique<Program>(PARAMD);
+    ASSERT_TRUE(eventually([] { return std::filesystem::exists(kStoreSocket); }));
+    // A console with room for the first line only: behind it the client stands still until somebody reads.
+    int console[2];
+    ASSERT_EQ(pipe2(console, O_CLOEXEC), 0);
+    const Descriptor consoleOut(console[0]);
+    const Descriptor consoleIn(console[1]);
+    const std::string filling(static_cast<std::size_t>(fcntl(console[1], F_GETPIPE_SZ)) - gone.size(), '.');
+    Helper client(Starts::Hosting, console[1]);
+    EXPECT_THAT(client.ask("threads"), HasSubstr("store-client"));
+    client.listen();
+    EXPECT_EQ(client.ask("answers"), "ok");
+    ASSERT_EQ(write(console[1], filling.data(), filling.size()), static_cast<ssize_t>(filling.size()));
+
+    client.stop();
+    paramd->signal(SIGKILL);
+    EXPECT_EQ(paramd->end(), 128 + SIGKILL);
+    paramd = std::make_unique<Program>(PARAMD);
+    Helper writer(Starts::Bare);
+    writer.ask("create");
+    ASSERT_TRUE(eventually([&] { return writer.ask("open udp 0 0") == "ok"; }));
+    EXPECT_EQ(writer.ask("seti 7b01030a 1"), "0");
+    // So much behind it that whoever raises events as they come in is still busy when the listener answers.
+    constexpr int kTexts = 60;
+    for (int each = 0; each < kTexts; ++each)
+        ASSERT_EQ(writer.ask("long " + std::to_string(61000000 + each) + " 65536"), "0");
+    client.goOn();
+    EXPECT_TRUE(eventually([&] { return writer.ask("geti 7b01030a") == "0 0 0"; }));
+
+    std::string said;
+    pollfd something{console[0], POLLIN, 0};
+    while (!said.ends_with(back) && poll(&something, 1, 1000 * static_cast<int>(kPatience.count())) == 1) {
+        char piece[4096];
+        said.append(piece, static_cast<std::size_t>(std::max<ssize_t>(read(console[0], piece, sizeof piece), 0)));
+    }
+    EXPECT_EQ(said, filling + gone + back);
+    const std::vector<std::string>& heard = client.events(kTexts + 3);
+    ASSERT_THAT(heard, SizeIs(kTexts + 3));
+    EXPECT_EQ(heard[0], event("7b01030a", 1));
+    EXPECT_EQ(heard[1], "answered 0 0");
+    EXPECT_EQ(heard[2], "61000000 L 65536");
+    EXPECT_EQ(heard.back(), event("7b01030a", 0));
+}
+
+TEST_F(StoreProcessTest, aListenerThatComesWhileTheClientComesBackIsAListenerThere) {
+    const FakeHost host;
+    Helper client(Starts::Bare);
+    client.ask("create");
+    host.openChannelOnce(client);
+    std::uint32_t request = 0;
+    wire::Mode mode = wire::Mode::Nothing;
+    StoreEntry missed;
+    missed.integer = 1;
+    missed.sequence = 5;
+    {
+        const RawClient second = host.admit(request, mode);
+        ASSERT_TRUE(second.isOpen());
+        EXPECT_EQ(mode, wire::Mode::Watch);
+        // It has said what it wants to be, and there is no answer yet that it could come back with.
+        EXPECT_EQ(client.ask("listen"), "ok");
+        EXPECT_EQ(second.send(wire::value(request, kLedId, missed)), Io::Done);
+        EXPECT_EQ(second.send(wire::status(request, kConfigOk)), Io::Done);
+        EXPECT_TRUE(second.isClosedByHost()) << "it begins anew";
+    }
+    {
+        const RawClient third = host.admit(request, mode);
+        ASSERT_TRUE(third.isOpen());
+        EXPECT_EQ(mode, wire::Mode::Listen);
+        // A connection that ends among its values has told of nothing.
+        EXPECT_EQ(third.send(wire::value(request, kLedId, missed)), Io::Done);
+    }
+    const RawClient fourth = host.admit(request, mode);
+    ASSERT_TRUE(fourth.isOpen());
+    EXPECT_EQ(mode, wire::Mode::Listen);
+    EXPECT_EQ(fourth.send(wire::value(request, kLedId, missed)), Io::Done);
+    EXPECT_EQ(fourth.send(wire::status(request, kConfigOk)), Io::Done);
+    StoreEntry next = missed;
+    next.integer = 2;
+    next.sequence = 6;
+    EXPECT_EQ(fourth.send(wire::event(kLedId, next, {})), Io::Done);
+    EXPECT_THAT(client.events(2), ElementsAre(event(kLed, 1), event(kLed, 2)));
+}
+
+TEST_F(StoreProcessTest, aHostThatTellsOfMissedSetsWithoutEndFillsNoClient) {
+    const FakeHost host;
+    Helper client(Starts::Bare);
+    client.ask("create");
+    host.openChannelOnce(client);
+    EXPECT_EQ(client.ask("listen"), "ok");
+    std::uint32_t request = 0;
+    wire::Mode mode = wire::Mode::Nothing;
+    // First numbers, then texts: as many, and as much, as a store holds, and each time anew.
+    for (unsigned round = 0; round < 3; ++round) {
+        const bool texts = round > 0;
+        client.forgetEvents();
+        const std::size_t most = texts ? StoreEngine::kMostTextBytes / kLongestString : StoreEngine::kMostIdentifiers;
+        RawClient connection = host.admit(request, mode);
+        while (connection.isOpen() && mode != wire::Mode::Listen) connection = host.admit(request, mode);
+        ASSERT_TRUE(connection.isOpen());
+        const auto send = [&](const wire::Packet& packet) {
+            const auto deadline = std::chrono::steady_clock::now() + kPatience;
+            Io result = Io::Again;
+            while ((result = connection.send(packet)) == Io::Again)
+                if (local_socket::waitToSend(connection.number(), deadline) == Io::Again) break;
+            return result;
+        };
+        StoreEntry entry;
+        entry.type = texts ? ParameterType::String : ParameterType::Integer;
+        if (texts) entry.text.assign(kLongestString, 'x');
+        for (entry.sequence = 10000 * round + 1; entry.sequence % 10000 <= most + 100; ++entry.sequence)
+            ASSERT_EQ(send(wire::value(request, texts ? kLedId + 1 : kLedId, entry)), Io::Done);
+        EXPECT_EQ(send(wire::status(request, kConfigOk)), Io::Done);
+        EXPECT_EQ(send(wire::event(kParamAlarms, {}, {})), Io::Done);
+        const std::vector<std::string>& heard = client.events(most + 1);
+        ASSERT_THAT(heard, SizeIs(most + 1));
+        EXPECT_EQ(heard.back(), event("7e000000", 0)) << "and nothing in between";
+    }
+}
+
 TEST_F(StoreProcessTest, aDaemonTellsOfALostHost) {
     auto paramd = std::make_unique<Program>(PARAMD);
     ASSERT_TRUE(eventually([] { return std::filesystem::exists(kStoreSocket); }));
@@ -726,7 +902,8 @@ TEST_F(StoreProcessTest, aSlowWatcherLosesNoLastValueAndIsToldToResync) {
         }
         last[heard.id] = heard.integer;
         if (heard.id != kLedId) continue;
-        EXPECT_GT(heard.integer, before) << "never back to an older value";
+        // Around a Resync the same value may come twice: as the newest that there is, and as the change that made it.
+        EXPECT_GE(heard.integer, before) << "never back to an older value";
         before = heard.integer;
     }
     EXPECT_EQ(text, "first");
@@ -740,6 +917,55 @@ TEST_F(StoreProcessTest, aSlowWatcherLosesNoLastValueAndIsToldToResync) {
         ASSERT_EQ(watcher->next(heard, 60000), StoreWatcher::Result::Event);
         EXPECT_EQ(heard.integer, each);
     }
+}
+
+TEST_F(StoreProcessTest, aSlowWatcherThatBecomesAListenerHearsEverySetFromThenOn) {
+    constexpr int kSets = 20000;
+    Helper host(Starts::Hosting);
+    Helper client(Starts::Attached);
+    const RawClient watcher;
+    ASSERT_TRUE(watcher.greet());
+    EXPECT_EQ(watcher.send(wire::subscribe(2, {wire::Mode::Watch, false, {}})), Io::Done);
+    EXPECT_EQ(watcher.receive(), wire::status(2, kConfigOk));
+    EXPECT_EQ(host.ask("sets 7b04000a first"), "0");
+    EXPECT_EQ(host.ask(std::string("flood ") + kLed + " 1 " + std::to_string(kSets)), "0");
+    EXPECT_EQ(watcher.send(wire::subscribe(3, {wire::Mode::Listen, false, {}})), Io::Done);
+    // When a later request has been answered and then another, the one before them has been read.
+    for (int each = 0; each < 2; ++each) EXPECT_EQ(client.ask("geti 7e000000"), "0 0 0");
+    EXPECT_EQ(host.ask(std::string("seti ") + kLed + " " + std::to_string(kSets + 1)), "0");
+    EXPECT_EQ(host.ask("sets 7b04000a second"), "0");
+    EXPECT_EQ(host.ask(std::string("seti ") + kLed + " " + std::to_string(kSets + 2)), "0");
+
+    const auto next = [&] {
+        wire::Value heard;
+        const wire::Packet packet = watcher.receive();
+        EXPECT_TRUE(wire::readEvent(packet.data(), packet.size(), heard));
+        return heard;
+    };
+    int last = 0;
+    int times = 0;
+    std::string text;
+    for (wire::Packet packet = watcher.receive(); packet != wire::status(3, kConfigOk); packet = watcher.receive()) {
+        wire::Header header{};
+        wire::Value heard;
+        ASSERT_TRUE(wire::readHeader(packet.data(), packet.size(), header));
+        if (header.type == wire::Type::Resync) continue;
+        ASSERT_TRUE(header.type == wire::Type::Event && wire::readEvent(packet.data(), packet.size(), heard));
+        if (heard.entry.type == ParameterType::String) {
+            text = heard.entry.text;
+            continue;
+        }
+        // The same one may come twice while it is a watcher's queue, as the newest that there is and as its own change.
+        EXPECT_GE(heard.entry.integer, last) << "never back to an older value";
+        last = heard.entry.integer;
+        if (last == kSets) ++times;
+    }
+    EXPECT_EQ(text, "first");
+    EXPECT_EQ(times, 1) << "the last value stands for all that was queued";
+    EXPECT_EQ(last, kSets) << "what was set before it listened, and nothing of later";
+    EXPECT_EQ(next().entry.integer, kSets + 1);
+    EXPECT_EQ(next().entry.text, "second");
+    EXPECT_EQ(next().entry.integer, kSets + 2);
 }
 
 TEST_F(StoreProcessTest, aClientThatNeverReadsHoldsNobodyUp) {
@@ -805,8 +1031,27 @@ TEST_F(StoreProcessTest, whatIsNoRequestEndsItsConnectionOnly) {
         EXPECT_EQ(polite.send(wire::setString(5, kParamClipName, text)), Io::Done);
         EXPECT_EQ(polite.receive(), wire::status(5, kConfigRefused));
     }
+    // So is a deletion request that a shell would act on.
+    EXPECT_EQ(polite.send(wire::setString(5, kParamClipsToDelete, "a.mov|$(reboot)")), Io::Done);
+    EXPECT_EQ(polite.receive(), wire::status(5, kConfigRefused));
     expectServing(client);
     expectServing(host);
+}
+
+TEST_F(StoreProcessTest, aDeletionRequestThatIsNotAllowedIsRefusedWhoeverWritesIt) {
+    Helper host(Starts::Hosting);
+    Helper client(Starts::Attached);
+    Helper listener(Starts::Attached);
+    listener.listen();
+    for (Helper* writer : {&host, &client}) {
+        EXPECT_EQ(writer->ask("sets 7b01000a a.mov|*"), "0");
+        for (const std::string request : {"a.mov|-rf", "a\"b", "a\\b", "$a", "`a`", "a\tb", "..", "a/b"})
+            EXPECT_EQ(writer->ask("sets 7b01000a " + request), kRefused) << request;
+        EXPECT_EQ(writer->ask("gets 7b01000a"), "0 a.mov|*");
+    }
+    // Nothing of the refused ones was heard in between.
+    EXPECT_EQ(client.ask("seti 51515151 7"), "0");
+    EXPECT_THAT(listener.events(3), ElementsAre("7b01000a S a.mov|*", "7b01000a S a.mov|*", event("51515151", 7)));
 }
 
 TEST_F(StoreProcessTest, randomPacketsChangeNothing) {

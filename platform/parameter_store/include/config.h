@@ -4,7 +4,9 @@
 // The parameter store's client contract: typed values under 32-bit identifiers, shared by every process of the
 // recorder, and an event channel that tells of every change.
 //
-// Threads: every operation of a Config may be called from any thread, from inside a change callback too.
+// Threads: every operation of a Config may be called from any thread, from inside a change callback too, and so may those of
+// the factory and the channel; CreateDescriptors and GetMappingConfig from one. Where another process hosts the store, a set
+// or a get waits for its answer, for five seconds at the most; then the host counts as lost.
 // Change callbacks come on the store's own thread, one at a time, in the order of the sets.
 
 #include <string>
@@ -15,7 +17,8 @@
 enum eConfigStatus_t : int {
     kConfigOk = 0,
     kConfigRefused = -1,      // the store does not accept this value for this parameter: a string beyond 65536 bytes or
-                              // with a NUL, or more than the store has room for
+                              // with a NUL, a deletion request with a name that deletion_request.h does not allow,
+                              // kParamRecordSetting1302 with a ", \, $ or `, or more than the store has room for
     kConfigWrongType = -2,    // an integer operation on a string parameter, or the other way round
     kConfigNotPermitted = -3, // this process may read but not write
     kConfigUnreachable = -4,  // nobody serves the store at the moment; a get gives the last known value with it

@@ -22,7 +22,9 @@ struct ConfigEvent {
 };
 
 // The order of the operations is part of the contract: the store's library calls them by their place. A change is one
-// call, of the form that fits the parameter's type; the generic form is none of its calls.
+// call, of the form that fits the parameter's type; the generic form is none of its calls. All of them come on the store's
+// own thread, one at a time, in the order of the sets. `when` is the wall clock's time; an integer comes as the bits of its
+// signed value.
 class ConfigEvents {
 public:
     virtual ~ConfigEvents() = default;

@@ -6,7 +6,8 @@
 // accepted by the store as well and take the type of their first write.
 //
 // Columns: name, identifier, type (Integer or String), kind, access, meaning of the values.
-// Access is the storage manager's own: R it reads the value, W it writes it, C it acts on a change.
+// Access is the storage manager's own: R it reads the value, W it writes it, C it acts on a change. (What it takes back at a
+// start, of a daemon that was killed, is not counted.)
 // Kind: State survives a restart of the process that hosts the store; Command is 0 again after one, so that an old
 // request does not fire twice.
 
@@ -38,7 +39,7 @@
     X(kParamEncodeType,          0x0e01000a, Integer, State,   "R",   "1 apch, 2 apcn, 3 apcs, 4 apco, 5 ap4h, 6 AVdn") \
     X(kParamClipListMode,        0x0f01000a, Integer, State,   "RC",  "2 takes clips from the selected playlist") \
     X(kParamPlaylistName,        0x0f03000a, String,  State,   "RWC", "selected playlist") \
-    X(kParamClipsToDelete,       0x7b01000a, String,  State,   "C",   "clip file names to delete, separated by |") \
+    X(kParamClipsToDelete,       0x7b01000a, String,  State,   "C",   "clip file names to delete, separated by |; the name * is all of them") \
     X(kParamDeleteClipsStatus,   0x7d01120a, String,  State,   "W",   "clip that is current after a deletion") \
     X(kParamFirewireAVCPause,    0x7d05000a, Integer, State,   "WC",  "1 pauses FireWire AV/C, 0 resumes it") \
     X(kParamMediaChangedTime,    0x7d06000a, Integer, State,   "WC",  "time of the last media change, seconds since the epoch") \
