@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "classes/diagnostics/diagnostics.h"
+#include "printable.h"
 #include "slots/slot_led_param.h"
 #include "slots/slot_led_register.h"
 #include "slots/slot_listener.h"
@@ -66,7 +67,7 @@ std::string errorText(lua_State* lua) {
 
 // One line on standard error; the result is the parser's.
 int fail(const std::string& message) {
-    report(message);
+    report(printable(message));
     return -1;
 }
 

@@ -8,12 +8,17 @@
 
 #include "classes/die/die.h"
 #include "classes/diagnostics/diagnostics.h"
+#include "printable.h"
 #include "slots/slot_listener.h"
 
 namespace {
 
 constexpr std::uint32_t kAllGroups = 0xffffffff;
 constexpr int kLinesOfAnEvent = 3;
+
+// How many datagrams of a storm are received before the drop count is asked for. Asking for each costs as much as
+// receiving it, and a listener that falls behind loses more of them.
+constexpr unsigned int kMostUnasked = 64;
 
 // Not the library's: that one depends on the locale and on the sign of char.
 bool isDigit(char each) { return each >= '0' && each <= '9'; }
@@ -66,7 +71,7 @@ void* SlotListener::loop(void* listener) {
 }
 
 bool SlotListener::listenStep() {
-    const int ready = _os.pollUevents(_socket, _wake);
+    const int ready = waitForUevent();
     if (ready == -1) die("poll\n");
     if (ready == 0) return false;
 
@@ -76,14 +81,25 @@ bool SlotListener::listenStep() {
     // A datagram that fills the buffer was cut or ends in it; a shorter one need not end in a NUL either.
     buffer[std::min(received, static_cast<ssize_t>(kLineSize) - 1)] = '\0';
     parseKeventBuffer(_action, _devname, _physdevpath, buffer, static_cast<int>(received));
-
-    // Datagrams are dropped while the queue is full, so the count has grown by the time that what is queued is read.
-    const std::uint32_t dropped = _os.droppedUevents(_socket);
-    if (dropped != _dropped) {
-        _dropped = dropped;
-        _driverScanRequested = true;
-    }
+    ++_unasked;
     return true;
+}
+
+// As pollUevents. While one datagram follows another, nothing is waited for, and the wake is looked at no more often than
+// the drop count is asked for.
+int SlotListener::waitForUevent() {
+    if (_unasked > 0) {
+        const int ready = _unasked < kMostUnasked ? _os.lookForUevent(_socket) : 0;
+        if (ready != 0) return ready;
+        // Datagrams are dropped while the queue is full, so the count has grown by the time that what is queued is read.
+        _unasked = 0;
+        const std::uint32_t dropped = _os.droppedUevents(_socket);
+        if (dropped != _dropped) {
+            _dropped = dropped;
+            _driverScanRequested = true;
+        }
+    }
+    return _os.pollUevents(_socket, _wake);
 }
 
 int SlotListener::parseKeventBuffer(char* action, char* devname, char* physdevpath, char* buffer, int length) {
@@ -109,7 +125,7 @@ int SlotListener::parseKeventBuffer(char* action, char* devname, char* physdevpa
                 ++captured;
             } else {
                 // The words run as they always have; there is no daemon name in front of this line.
-                reportPlain("parseKeventBuffer ERROR: strstr() claims PHYSDEVPATH matches " + std::string(line) +
+                reportPlain("parseKeventBuffer ERROR: strstr() claims PHYSDEVPATH matches " + printable(std::string(line)) +
                             " It should be impossible to be here!\n");
             }
         }
@@ -128,12 +144,10 @@ void SlotListener::handleEvent(const char* action, const char* devname, const ch
     if (found == _slots.end()) return;
     Slot& slot = found->second;
 
-    const char* const equals = std::strchr(devname, '=');
-    if (equals == nullptr) return;
-
     if (contains(action, "ACTION=add")) {
         // The name ends up in command lines.
-        if (isDeviceName(equals + 1)) slot.announce(equals + 1);
+        const char* const equals = std::strchr(devname, '=');
+        if (equals != nullptr && isDeviceName(equals + 1)) slot.announce(equals + 1);
     } else if (contains(action, "ACTION=remove")) {
         slot.retract();
     }

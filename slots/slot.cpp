@@ -96,15 +96,38 @@ bool Slot::isNewlyInserted() const {
 
 void Slot::announce(const std::string& devname) {
     const std::lock_guard lock(_lock);
+    // Another name: the word that the disk before had gone got lost.
+    _gone = _gone || (_recognizedByTheDriver && _devname != devname);
     _newlyInserted = true;
     _devname = devname;
     _recognizedByTheDriver = true;
+    ++_announcements;
 }
 
 void Slot::retract() {
     const std::lock_guard lock(_lock);
+    forgetDevice();
+}
+
+void Slot::forgetDevice() {
     _recognizedByTheDriver = false;
+    _gone = true;
     _devname.clear();
+}
+
+unsigned int Slot::announcements() const {
+    const std::lock_guard lock(_lock);
+    return _announcements;
+}
+
+void Slot::retractSince(unsigned int announcements) {
+    const std::lock_guard lock(_lock);
+    if (_announcements == announcements) forgetDevice();
+}
+
+void Slot::clearNewlyInsertedSince(unsigned int announcements) {
+    const std::lock_guard lock(_lock);
+    if (_announcements == announcements) _newlyInserted = false;
 }
 
 SlotAnnouncement Slot::readAnnouncement() const {
@@ -114,7 +137,13 @@ SlotAnnouncement Slot::readAnnouncement() const {
 
 SlotAnnouncement Slot::takeAnnouncement() {
     const std::lock_guard lock(_lock);
+    _gone = false;
     return {_recognizedByTheDriver, std::exchange(_newlyInserted, false), _devname};
+}
+
+bool Slot::hasGone() const {
+    const std::lock_guard lock(_lock);
+    return _gone;
 }
 
 void Slot::setCFHackPresentString(std::string line) { _cfHackPresentString = std::move(line); }

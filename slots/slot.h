@@ -22,9 +22,10 @@ struct SlotAnnouncement {
 
 // One storage slot of the board and the little that is known about the medium in it.
 //
-// Threads: the three fields of the announcement are guarded by the slot's lock; the hot-plug thread changes them, the
-// manager's threads read and clear them. Everything else is written while the board specification is parsed, before
-// there are other threads, or belongs to the manager's threads alone (the presence checks).
+// Threads: what is known of the device (the announcement's fields, whether it has gone, how often it was announced) is
+// guarded by the slot's lock; the hot-plug thread changes it, the manager's threads read and clear it. Everything else is
+// written while the board specification is parsed, before there are other threads, or belongs to the manager's threads
+// alone (the presence checks).
 //
 // A copy has the same LEDs, sensor and shell object (none of them owned) and a lock of its own.
 class Slot {
@@ -65,9 +66,18 @@ public:
     void announce(const std::string& devname);
     void retract();
 
+    // For the manager, which takes its time to delete a device from the bus, while the next one may be announced: as
+    // retract, or the newly-inserted mark alone taken away, but only if nothing was announced since `announcements` were
+    // counted.
+    unsigned int announcements() const;
+    void retractSince(unsigned int announcements);
+    void clearNewlyInsertedSince(unsigned int announcements);
+
     // For the manager: all three fields as they stood together; take clears the newly-inserted mark as it reads it.
     SlotAnnouncement readAnnouncement() const;
     SlotAnnouncement takeAnnouncement();
+    // Whether the device has gone since the announcement was taken last: what is announced now may be another medium.
+    bool hasGone() const;
 
     void setSensor(const SlotSensor& sensor) { _sensor = sensor; }
     void setSystem(FileUtils* system) { _system = system; }
@@ -84,6 +94,7 @@ public:
 
     void addLED(SlotLED* led);
     std::set<SlotLED*> getLEDs() const { return _leds; }
+    const std::set<SlotLED*>& leds() const { return _leds; } // the same, without a copy
 
     // Reads the sensor and, when the result differs from the last one (it always does the first time), runs the
     // command line for it, waiting for it to end. For the manager's threads; no lock is held.
@@ -100,6 +111,8 @@ private:
 
     static Slot* _unknownSlot;
 
+    void forgetDevice(); // under _lock
+
     eStorageSlot_t _slotID = eStorageSlotUnknown;
     mutable std::mutex _lock;
     bool _recognizedByTheDriver = false; // guarded by _lock
@@ -115,6 +128,8 @@ private:
     FileUtils* _system = nullptr;
     int _lastPresentResult = kNeverChecked;
     bool _newlyInserted = false; // guarded by _lock
+    bool _gone = false;          // guarded by _lock; no part of a copy
+    unsigned int _announcements = 0; // guarded by _lock; no part of a copy
 };
 
 #endif

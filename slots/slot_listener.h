@@ -67,12 +67,16 @@ public:
     // The identifier of every slot, in the order of the slots' names.
     std::vector<eStorageSlot_t> supportedSlots() const;
 
+    // The same slots, by their names, without a list made of them: for what the loop does on every pass.
+    const std::map<std::string, Slot>& slots() const { return _slots; }
+
     // The first slot, in the order of the names, that has this identifier; Slot::getUnknownSlot() when none has. To be
     // changed in place.
     Slot& getSlot(eStorageSlot_t slotID);
 
     std::map<eStorageSlot_t, eStorageSlot_t> getNextSlotMap() const { return _nextSlot; }
     std::set<std::string> getCapabilities() const { return _mediaCapabilities; }
+    bool hasCapability(const std::string& capability) const { return _mediaCapabilities.contains(capability); }
 
     // Empty when there is no such string, which is remembered as an empty one. For the manager's threads only: nothing
     // guards the map.
@@ -93,8 +97,8 @@ public:
     // The thread's body, given the listener: listenStep until the destructor ends it.
     static void* loop(void* listener);
 
-    // Waits for one datagram and handles it. False when the destructor has asked the thread to end. A socket that fails
-    // ends the process.
+    // Waits for one datagram and handles it; before it waits it asks whether any were lost. False when the destructor has
+    // asked the thread to end. A socket that fails ends the process.
     bool listenStep();
 
     // Handles one datagram: lines, each ended by a NUL, of which nothing behind `length` bytes is looked at. The first
@@ -112,6 +116,7 @@ public:
 private:
     class SpecificationReader;
 
+    int waitForUevent();
     void handleEvent(const char* action, const char* devname, const char* physdevpath);
 
     Config* const _config;
@@ -134,6 +139,7 @@ private:
 
     // The hot-plug thread's own. The line buffers outlive a datagram: an event acts on the last line of each kind.
     std::uint32_t _dropped = 0;
+    unsigned int _unasked = 0; // datagrams received since the drop count was asked for
     char _action[kLineSize] = {};
     char _devname[kLineSize] = {};
     char _physdevpath[kLineSize] = {};

@@ -41,6 +41,12 @@ protected:
     }
     int handle(const Lines& lines) { return handleBytes(uevent(lines)); }
 
+    // Steps until nothing is waiting any more, which a wait for nothing says.
+    void hearAll() {
+        while (listener->listenStep()) {
+        }
+    }
+
     SlotAnnouncement slot1() { return listener->getSlot(eStorageSlotS1).readAnnouncement(); }
     SlotAnnouncement slot2() { return listener->getSlot(eStorageSlotS2).readAnnouncement(); }
 
@@ -155,6 +161,14 @@ TEST_F(HotPlugTest, AnEmptyAddressMatchesEveryPath) {
     EXPECT_EQ((SlotAnnouncement{true, true, "sdb"}), slot1());
 }
 
+TEST_F(HotPlugTest, WhatIsReportedOfAnAnnouncementSteersNoTerminal) {
+    const fakes::StandardError error;
+    handle({"ACTION=add", "DEVNAME=sdb", "D\x1b[2J\nPHYSDEVPATH=\xc2\x9b/M\xc3\xbchle"});
+    EXPECT_EQ("parseKeventBuffer ERROR: strstr() claims PHYSDEVPATH matches D?[2J?PHYSDEVPATH=?/M\xc3\xbchle It should be "
+              "impossible to be here!\n",
+              error.text());
+}
+
 TEST_F(HotPlugTest, APhysicalPathInALineThatBeginsWithDIsReportedAndCountsNothing) {
     const fakes::StandardError error;
     EXPECT_EQ(0, handle({"ACTION=add", "DEVNAME=sdb", "DXPHYSDEVPATH=/devices/ata1/x"}));
@@ -163,6 +177,14 @@ TEST_F(HotPlugTest, APhysicalPathInALineThatBeginsWithDIsReportedAndCountsNothin
               error.text());
     EXPECT_EQ(kNothing, slot1());
     EXPECT_STREQ("", path);
+}
+
+TEST_F(HotPlugTest, NoReportMovesTheCursorOfATerminal) {
+    const fakes::StandardError error;
+    handle({"DPHYSDEVPATH=\x1b[2J\x04\x7f"});
+    EXPECT_EQ("parseKeventBuffer ERROR: strstr() claims PHYSDEVPATH matches DPHYSDEVPATH=?[2J?? It should be impossible to "
+              "be here!\n",
+              error.text());
 }
 
 TEST_F(HotPlugTest, TheResultIsTheCounterAtTheLastEvent) {
@@ -189,6 +211,12 @@ TEST_F(HotPlugTest, ARepeatedLineCountsAgain) {
 TEST_F(HotPlugTest, ADeviceNameWithoutAnEqualsSignChangesNothing) {
     EXPECT_EQ(3, handle({"ACTION=add", "DEVNAME", kPath1}));
     EXPECT_EQ(kNothing, slot1());
+}
+
+TEST_F(HotPlugTest, ARemovalCountsWithoutAnEqualsSignToo) {
+    handle({"ACTION=add", "DEVNAME=sdb", kPath1});
+    EXPECT_EQ(3, handle({"ACTION=remove", "DEVNAME", kPath1}));
+    EXPECT_EQ((SlotAnnouncement{false, true, ""}), slot1());
 }
 
 TEST_F(HotPlugTest, ADeviceNameThatIsNotLettersDigitsAndDashesChangesNothing) {
@@ -329,17 +357,55 @@ TEST_F(HotPlugTest, LostDatagramsAskForADriverScanOnce) {
     ASSERT_EQ(0, listener->listen());
     EXPECT_FALSE(listener->takeDriverScanRequest());
     world.os.sendUevent("x");
-    EXPECT_TRUE(listener->listenStep());
+    hearAll();
     EXPECT_FALSE(listener->takeDriverScanRequest()) << "nothing was lost";
     world.os.dropUevents(3);
     world.os.sendUevent("x");
     world.os.sendUevent("x");
-    EXPECT_TRUE(listener->listenStep());
+    hearAll();
     EXPECT_TRUE(listener->takeDriverScanRequest());
     EXPECT_FALSE(listener->takeDriverScanRequest());
-    EXPECT_TRUE(listener->listenStep());
+    world.os.sendUevent("x");
+    hearAll();
     EXPECT_FALSE(listener->takeDriverScanRequest()) << "the count has not grown again";
     EXPECT_EQ(Lines{}, world.journal.matching("run")) << "the command is the manager's";
+}
+
+TEST_F(HotPlugTest, WhateverTheLengthOfABurstItsLossesAreKnownAtItsEnd) {
+    ASSERT_EQ(0, listener->listen());
+    for (int count = 1; count <= 200; ++count) {
+        for (int i = 0; i < count; ++i) world.os.sendUevent("x");
+        for (int i = 1; i < count; ++i) ASSERT_TRUE(listener->listenStep());
+        listener->takeDriverScanRequest();
+        world.os.dropUevents(1); // the queue was full behind the last one
+        hearAll();
+        EXPECT_TRUE(listener->takeDriverScanRequest()) << count;
+    }
+}
+
+TEST_F(HotPlugTest, AStormThatDoesNotEndHidesNoLoss) {
+    ASSERT_EQ(0, listener->listen());
+    for (int i = 0; i < 1000; ++i) world.os.sendUevent("x");
+    EXPECT_TRUE(listener->listenStep());
+    world.os.dropUevents(1);
+    for (int i = 0; i < 100; ++i) EXPECT_TRUE(listener->listenStep());
+    EXPECT_TRUE(listener->takeDriverScanRequest());
+}
+
+TEST_F(HotPlugTest, InAStormLossesAreAskedForNowAndThenOnly) {
+    ASSERT_EQ(0, listener->listen());
+    for (int i = 0; i < 1000; ++i) world.os.sendUevent("x");
+    hearAll();
+    EXPECT_LE(world.os.dropQuestions, 20);
+}
+
+TEST_F(HotPlugTest, AListenerThatGoesDoesNotWaitForTheEndOfAStorm) {
+    ASSERT_EQ(0, listener->listen());
+    for (int i = 0; i < 1000; ++i) world.os.sendUevent("x");
+    EXPECT_TRUE(listener->listenStep());
+    world.os.signalWake(fakes::FakeOperatingSystem::kWake);
+    hearAll();
+    EXPECT_GE(world.os.pendingUevents(), 800U);
 }
 
 TEST_F(HotPlugTest, TheThreadAnnouncesUntilTheListenerGoes) {
@@ -382,6 +448,16 @@ TEST_F(HotPlugDeathTest, PollFails) {
     world.os.failPoll(EINTR);
     EXPECT_EXIT(listener->listenStep(), testing::ExitedWithCode(1), "^poll\n$");
     world.os.failPoll(0);
+}
+
+TEST_F(HotPlugDeathTest, PollFailsBetweenTwoDatagrams) {
+    ASSERT_EQ(0, listener->listen());
+    world.os.sendUevent("x");
+    world.os.sendUevent("x");
+    EXPECT_TRUE(listener->listenStep());
+    world.os.ueventLookError = ENOMEM;
+    EXPECT_EXIT(listener->listenStep(), testing::ExitedWithCode(1), "^poll\n$");
+    world.os.ueventLookError = 0;
 }
 
 TEST_F(HotPlugDeathTest, ReceiveFails) {
