@@ -1,19 +1,15 @@
 #include "media/media_cache.h"
 
-#include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <string_view>
 #include <utility>
 
 #include "encode_type.h"
-#include "shared_segment.h"
+#include "playlist.h"
 
 namespace nevo::media {
 
 namespace {
-
-namespace ipc = boost::interprocess;
 
 // Whether `clip` is of the codec that `encodeType` belongs to, by what its attribute text says.
 bool isSameCodec(const Clip& clip, unsigned int encodeType) {
@@ -24,63 +20,64 @@ bool isSameCodec(const Clip& clip, unsigned int encodeType) {
     return CIsEncodeType::areEncodeTypesDifferentCodecs(clipType, encodeType) == 0;
 }
 
-bool hasName(const Clip& clip, const std::string& name) { return fieldText(clip.name) == name; }
-
 } // namespace
 
-MediaCache::MediaCache(std::string prefix)
-    : _prefix(std::move(prefix)),
-      _clipSegment(ipc::open_or_create, clipSegmentName(_prefix).c_str(), ipc::read_write, segmentPermissions()),
-      _clipMutex(ipc::open_or_create, clipMutexName(_prefix).c_str(), segmentPermissions()),
-      _playlistSegment(ipc::open_or_create, playlistSegmentName(_prefix).c_str(), ipc::read_write,
-                       segmentPermissions()),
-      _playlistMutex(ipc::open_or_create, playlistMutexName(_prefix).c_str(), segmentPermissions()) {
-    // The size that a segment already has keeps its contents; a new one becomes all zeros.
-    _clipSegment.truncate(static_cast<ipc::offset_t>(kClipSegmentSize));
-    _playlistSegment.truncate(static_cast<ipc::offset_t>(kPlaylistSegmentSize));
-}
+MediaCache::MediaCache(std::string prefix) : _prefix(std::move(prefix)), _segments(_prefix) {}
 
 MediaCache::~MediaCache() = default;
 
 bool MediaCache::hasRoomFor(const std::string& path) {
     const std::string name = clipName(path);
     bool room = false;
-    visitSegment(_clipSegment, _clipMutex, kClipSegmentSize, [&](const std::byte* segment) {
-        bool written = false;
-        const std::uint32_t count = recordCount(segment, kClipMagic, kClipMagicSize, kClipCapacity, written);
-        room = count < kClipCapacity;
-        for (std::uint32_t i = 0; i < count && !room; ++i) {
-            const char* field = reinterpret_cast<const char*>(segment + kClipRecordsOffset + kClipStride * i);
-            room = name == std::string_view(field, strnlen(field, sizeof Clip::name));
-        }
-    });
+    visitSegment(_segments.clips, _segments.clipMutex, kClipSegmentSize,
+                 [&](const std::byte* segment) { room = hasRoomForClip(segment, name); });
     return room;
 }
 
 bool MediaCache::AddClip(std::string path, unsigned int encodeType, int& index, bool option) {
     Clip added{};
     if (!GrokClip(added, path, option)) return false;
-
-    // The mutex is not held from here to the write: nobody else writes this segment.
-    std::list<Clip> clips = takeClips(_clipSegment, _clipMutex);
-    const std::string name = fieldText(added.name);
-    clips.remove_if([&name](const Clip& clip) { return hasName(clip, name); });
-    if (clips.size() >= kClipCapacity) return false;
     added.sameCodec = isSameCodec(added, encodeType) ? 1 : 0;
-    clips.push_back(added);
-    // Not the clip's place: the recorder counts on the number of clips less one, so this stands before the sort.
-    index = static_cast<int>(clips.size()) - 1;
-    // Stable: a clip follows the older ones of the same time.
-    clips.sort(Clip::compare_clips_by_time);
-    storeClips(_clipSegment, _clipMutex, clips);
+
+    int last = -1;
+    visitSegment(_segments.clips, _segments.clipMutex, kClipSegmentSize,
+                 [&](std::byte* segment) { last = putClip(segment, added, &_clipsSeen); });
+    if (last == -1) return false;
+    // Not the clip's place: the recorder counts on the number of clips less one.
+    index = last;
     return true;
 }
 
 bool MediaCache::ReadPlaylistCacheFromSharedMemory(std::map<std::string, PlaylistCacheEntry>& cache) {
     bool written = false;
-    for (const PlaylistCacheEntry& playlist : takePlaylists(_playlistSegment, _playlistMutex, written))
+    for (const PlaylistCacheEntry& playlist : takePlaylists(_segments.playlists, _segments.playlistMutex, written))
         cache[playlistName(playlist)] = playlist;
     return written;
+}
+
+bool MediaCache::hasRoomForPlaylist(const std::string& path) {
+    const std::string_view name = playlistNameIn(path);
+    bool room = false;
+    visitSegment(_segments.playlists, _segments.playlistMutex, kPlaylistSegmentSize,
+                 [&](const std::byte* segment) { room = media::hasRoomForPlaylist(segment, name); });
+    return room;
+}
+
+bool MediaCache::AddPlaylist(std::string path) {
+    PlaylistCacheEntry entry;
+    Playlist playlist;
+    if (!readPlaylistFile(path, entry, playlist)) return false;
+    bool stored = false;
+    visitSegment(_segments.playlists, _segments.playlistMutex, kPlaylistSegmentSize,
+                 [&](std::byte* segment) { stored = putPlaylist(segment, entry); });
+    return stored;
+}
+
+bool MediaCache::RemovePlaylist(const std::string& path) {
+    bool removed = false;
+    visitSegment(_segments.playlists, _segments.playlistMutex, kPlaylistSegmentSize,
+                 [&](std::byte* segment) { removed = takeOutPlaylist(segment, path); });
+    return removed;
 }
 
 } // namespace nevo::media

@@ -1,18 +1,20 @@
 #ifndef MEDIAD_MEDIA_MEDIA_CACHE_H
 #define MEDIAD_MEDIA_MEDIA_CACHE_H
 
-#include <boost/interprocess/shared_memory_object.hpp>
-#include <boost/interprocess/sync/named_mutex.hpp>
 #include <map>
 #include <string>
 
 #include "clip_examiner.h"
+#include "media/segment_editing.h"
+#include "shared_segment.h"
 
 namespace nevo::media {
 
 // The clips and playlists of the medium in use, published to the other processes of the recorder in two shared segments
 // (clip.h draws them). The segments are the state: an object of this class is made for one operation and dropped again,
-// and every operation is a complete read or rewrite under the segment's mutex. The two mutexes are never held together.
+// and every operation is complete in one locked visit of its segment (segment_editing.h). The two mutexes are never held
+// together. A mutex that its holder does not give back within ten seconds is taken over. Between its calls an object keeps
+// no more than a hint for a burst of clips (ClipsSeen), which is checked against the segment.
 //
 // One thread at a time for an object. Failures of the shared memory, at construction and in every operation, are thrown
 // as boost::interprocess::interprocess_exception.
@@ -42,13 +44,22 @@ public:
     // segment has been written to, even with no playlist in it.
     bool ReadPlaylistCacheFromSharedMemory(std::map<std::string, PlaylistCacheEntry>& cache);
 
+    // Whether AddPlaylist of this path keeps within the segment, as hasRoomFor.
+    bool hasRoomForPlaylist(const std::string& path);
+
+    // Reads the playlist file at `path` (playlist.h tells what it looks like) and stores its record, instead of one of
+    // the same name, even from another directory, where there is one. True when stored. False when the file cannot be
+    // read or is no playlist (readPlaylistFile), or there is no room; the segment is untouched then.
+    bool AddPlaylist(std::string path);
+
+    // Takes out the first playlist, in the order of the names, whose stored path occurs in `path`; true when there was
+    // one. The segment is well formed afterwards in any case.
+    bool RemovePlaylist(const std::string& path);
+
 private:
-    // Opened in this order.
     std::string _prefix;
-    boost::interprocess::shared_memory_object _clipSegment;
-    boost::interprocess::named_mutex _clipMutex;
-    boost::interprocess::shared_memory_object _playlistSegment;
-    boost::interprocess::named_mutex _playlistMutex;
+    SharedSegments _segments;
+    ClipsSeen _clipsSeen;
 };
 
 } // namespace nevo::media

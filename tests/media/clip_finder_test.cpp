@@ -94,6 +94,33 @@ TEST_F(ClipFinderTest, AScanFillsTheSegmentInTimeOrder) {
     EXPECT_EQ(RawSegment(kClipSegment).word(19 + 6536 + 4100), 2); // frames of "middle"
 }
 
+// Every byte that a name can have, the longest name, and what a shell or a terminal would act on.
+TEST_F(ClipFinderTest, NamesWithAnythingInThemAreListedAndSaidNowhere) {
+    std::vector<std::string> stems = {"\x1b[2J\x1b]0;x\x07", "a\nb", "\"; rm -rf $(pwd) `id` \\", "-rf", "%s%n%x", "\xc2\x9b" "2J",
+                                      "\xe0\x80", std::string(251, 'x')};
+    for (int c = 1; c < 256; ++c)
+        if (c != '/') stems.push_back("byte" + std::string(1, static_cast<char>(c)));
+    std::uint32_t time = 100;
+    for (const std::string& stem : stems) makeClip(stem + ".mov", time++);
+    writeFile(at("\x1b[2J.playlist"), "no playlist");
+    ASSERT_EQ(mkdir(at("\x1b[3J.mov").c_str(), 0755), 0);
+    ASSERT_EQ(symlink("/dev/zero", at("\x1b[4J.mov").c_str()), 0);
+    const fakes::StandardError error;
+    scan();
+    Names expected = stems;
+    Names listed;
+    for (const auto& [name, when] : segment()) listed.push_back(name);
+    // A name ends at its last dot, and one of the bytes is a dot.
+    EXPECT_EQ(listed, expected);
+    EXPECT_EQ(find(true, false, true), expected);
+    // One that cannot be read.
+    finder().scanMedia(_folder + "/\x1b[2J");
+    const std::string said = error.text();
+    EXPECT_NE(said.find("/?[2J"), std::string::npos) << said;
+    for (const char c : said) EXPECT_TRUE(c == '\n' || (static_cast<unsigned char>(c) >= ' ' && c != 0x7f)) << said;
+    for (const std::string& name : expected) finder().removeClip(at(name + ".mov"));
+}
+
 TEST_F(ClipFinderTest, ClipsOfOneTimeStandInTheOrderOfTheirNames) {
     for (const char* name : {"m.mov", "z.mov", "a.mov", "k.mov"}) makeClip(name, 100);
     scan();
