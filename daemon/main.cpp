@@ -10,11 +10,11 @@
 
 #include "classes/diagnostics/diagnostics.h"
 #include "classes/die/die.h"
-#include "classes/files/read_file.h"
 #include "config.h"
 #include "daemonizer.h"
 #include "file_utils.h"
 #include "media_manager/media_manager.h"
+#include "read_file.h"
 #include "serial_number_ossik.h"
 #include "slots/live_card.h"
 #include "slots/slot_led_register.h"
@@ -88,6 +88,7 @@ int main(int argumentCount, char** arguments) {
 
     // Never deleted: other threads may hold on to it until the process is gone.
     pManager = new MediaManager(&listener, card, config, eventChannel, fileUtils);
+    pManager->clearLeftovers();
     if (pManager->init() != 0) {
         report("cannot initialize. Exiting");
         Daemonizer::setDone();

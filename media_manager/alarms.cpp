@@ -90,7 +90,7 @@ void MediaManager::raiseInvalidMediaAlert() { _config->setInteger(kParamInvalidM
 
 int MediaManager::setLED(eStorageSlot_t slot, eStorageLEDStatus_t status) {
     _lastLEDStatus = status;
-    for (SlotLED* led : slotRecord(slot).getLEDs()) {
+    for (SlotLED* led : slotRecord(slot).leds()) {
         switch (status) {
         case eStorageLEDOn:
             led->lightOn();

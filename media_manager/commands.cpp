@@ -9,6 +9,7 @@
 namespace {
 
 constexpr unsigned int kFirewireStart = 2;
+constexpr unsigned int kAVCPaused = 1;
 constexpr int kSystemShutdown = 8;
 constexpr unsigned int kMediaAcquire = 1;
 constexpr unsigned int kMediaRelease = 2;
@@ -61,6 +62,10 @@ void MediaManager::ParamChanged(eParam_t id, unsigned int value, timeval /*when*
     case kParamTransportState:
         _transportState = static_cast<int>(value);
         _transportActive = !isIdleTransportState(static_cast<int>(value));
+        break;
+    case kParamFirewireAVCPause:
+        if (FwData* const fwData = _fwData; fwData != nullptr && value <= kAVCPaused)
+            fwData->SetFirewireAVCPaused(value == kAVCPaused);
         break;
     case kParamMediaChangedTime:
         _mediaChangedTime = static_cast<int>(value);
@@ -145,6 +150,7 @@ void MediaManager::clearEraseCommand() {
 bool MediaManager::isMediaLoading() { return _mediaLoading; }
 
 void MediaManager::setMediaLoading(bool loading) {
+    if (!loading) _awaitedMedia.clear();
     const int status = loading ? 1 : 0;
     if (status == _lastMediaLoadingStatus) return;
     _config->setInteger(kParamMediaLoadingStatus, status);

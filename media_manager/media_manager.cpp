@@ -44,6 +44,20 @@ int MediaManager::runUsefulString(const char* key) {
     return _shell->executeCommand(_listener->getUsefulString(key));
 }
 
+void MediaManager::clearLeftovers() {
+    std::string path;
+    _config->getString(kParamStoragePath, path);
+    if (!path.empty()) setStoragePath(eStorageSlotUnknown);
+    if (_config->getInteger(kParamProgressStatus) != eProgressNone) endProgress();
+    if (_config->getInteger(kParamMediaLoadingStatus) != 0) setMediaLoading(false);
+    // Of a medium that was pulled: what is in a slot now is looked at anew.
+    clearMediaDamagedAlarm();
+    clearMediaUnformattedAlarm();
+    std::string name;
+    _config->getString(kParamVolumeName, name);
+    if (!name.empty() && name != kNotAvailable) _config->setString(kParamVolumeName, kNotAvailable);
+}
+
 int MediaManager::init() {
     _config->setInteger(kParamMediaDaemonStatus, kStatusInitialising);
     setup_inotify();
@@ -73,6 +87,7 @@ int MediaManager::init() {
         while (runUsefulString("driver_scan") != 0) _os.sleepMicroseconds(kDriverRetryPeriod);
     }
     if (capabilities.contains("cf_hack")) runUsefulString("cf_hack_enable");
+    if (capabilities.contains("firewire_data")) setUpFirewireAccess();
 
     for (const eStorageSlot_t slot : _listener->supportedSlots()) {
         const std::string mountPoint = "/mnt/" + slotRecord(slot).getName();
@@ -81,6 +96,7 @@ int MediaManager::init() {
         // Both: a new LED has no state yet, and the pair brings every kind into a known one.
         setLED(slot, eStorageLEDOn);
         setLED(slot, eStorageLEDOff);
+        _takenOffTheBus[slot] = 0; // by the daemon before this one, which may have ended because of a pin that bounced
     }
 
     if (preferredSlot == eStorageSlotUnknown) {
@@ -139,7 +155,8 @@ bool MediaManager::pass() {
         }
         return true;
     }
-    if (serviceFirewireAccess()) return true;
+    // While access is paused the recorder uses another medium, which can be pulled as well.
+    if (serviceFirewireAccess()) return !_loopDone;
     checkMessages();
     return !_loopDone;
 }
@@ -186,13 +203,19 @@ int MediaManager::checkMessages() {
 unsigned int MediaManager::remount(eStorageSlot_t slot) {
     attemptSlotChange(eStorageSlotUnknown);
     _os.sleepSeconds(1);
-    return attemptSlotChange(slot);
+    const unsigned int result = attemptSlotChange(slot);
+    // A pin that bounced in this very moment, or somebody who acquired the storage in it: the medium is there, and its
+    // device was taken off the bus above.
+    if (_selectedSlot != slot && (result == eSlotChangeStorageInUse || !slotRecord(slot).getLastPresentResult()))
+        _probeWhenPresent.insert(slot);
+    return result;
 }
 
 void MediaManager::cleanup() {
     if (_cleanedUp) return;
     _cleanedUp = true;
     _config->setInteger(kParamMediaDaemonStatus, kStatusCleaningUp);
+    if (FwData* const fwData = _fwData) fwData->cleanup();
     _pMediaManager = nullptr;
     unmountAll();
     teardown_inotify();

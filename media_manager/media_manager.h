@@ -4,9 +4,9 @@
 // The heart of the daemon: one object that owns the state of all storage slots, acts on what the kernel announces and
 // on what other processes ask for, and reports slots, alarms, capacity and progress.
 //
-// Threads: init runs on the main thread, before there is a loop; loop and all it calls run on the loop thread. The
-// parameter store's thread calls the two ParamChanged operations and, through them, only what their group says. What it
-// shares with the loop is an atomic, or is guarded by _semaphore, as the members tell.
+// Threads: clearLeftovers and init run on the main thread, before there is a loop, cleanup when it has ended; loop and all it
+// calls run on the loop thread. The parameter store's thread calls the two ParamChanged operations and, through them, only
+// what their group says. What it shares with the loop is an atomic, or is guarded by _semaphore, as the members tell.
 //
 // The operations stand in groups, each in a source file of its own.
 
@@ -14,22 +14,32 @@
 
 #include <atomic>
 #include <ctime>
+#include <list>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "classes/config/config_event_listener.h"
 #include "classes/os/operating_system.h"
+#include "clip.h"
 #include "config.h"
 #include "file_utils.h"
+#include "firewire/fw_data.h"
+#include "firewire/fw_data_owner.h"
 #include "slots/card.h"
 #include "slots/slot.h"
 #include "slots/slot_led.h"
 #include "slots/slot_listener.h"
 #include "thread_sleep.h"
 
+class ClipFinder;
 struct inotify_event;
+namespace nevo::media {
+class MediaCache;
+}
 
 // Bits of kParamAlarms. Other processes own the other bits of the word.
 enum eAlarm_t : std::uint32_t {
@@ -76,7 +86,7 @@ enum eSlotChangeResult_t : std::int32_t {
 // The slot that asks for no medium while the manager looks at its state anew.
 inline constexpr auto eStorageSlotRecheck = static_cast<eStorageSlot_t>(5);
 
-class MediaManager : public ConfigEventListener {
+class MediaManager : public ConfigEventListener, public FwDataOwner {
 public:
     // Borrows everything for the life of the process. No other work is done here.
     MediaManager(SlotListener* listener, Card* card, Config* config, ConfigEventChannel* eventChannel, FileUtils* shell,
@@ -88,6 +98,10 @@ public:
 
     // ---- Life and loop: media_manager.cpp ----
 
+    // Before init: takes back what the daemon before has left standing in the store. Of one that was killed, the path of the
+    // medium in use, the progress of a format, the loading of a medium; of a medium that was pulled, its name and the alarms
+    // that it is damaged or not formatted. Nobody else would. Writes only what does stand.
+    void clearLeftovers();
     // Start-up, until the first medium has been tried. Returns 0. Does not return while the board's driver scan fails.
     int init();
     // Runs the loop on a thread of its own (`threaded`) or on the caller's, until it ends.
@@ -110,7 +124,7 @@ public:
     void ParamChanged(eParam_t id, unsigned int value, timeval when) override;
     void ParamChanged(eParam_t id, std::string value, timeval when) override;
 
-    bool shutdownRequested();
+    bool shutdownRequested() override;
     bool slotChangeRequested();
     void clearSlotChangeRequest();
     // `code` is an eSlotChangeResult_t, in the type that the parameter shares with the slots.
@@ -121,7 +135,7 @@ public:
     bool eraseRequested();
     void clearEraseCommand();
     bool isMediaLoading();
-    void setMediaLoading(bool loading);
+    void setMediaLoading(bool loading) override;
     void requestStartFirewireAccess();
     void requestStopFirewireAccess();
     bool firewireStartRequested();
@@ -132,12 +146,13 @@ public:
     bool storageInUse();
     bool isNewMountRequest();
     void clearNewMountRequest();
+    // kParamClipName; `clip` when it cannot be had.
     std::string getClip(eStorageSlot_t slot, std::string clip);
     void setClip(eStorageSlot_t slot, std::string clip, unsigned int index);
     // Kernel name of the slot's disk ("sdb"), empty while there is none.
-    std::string getDevice(eStorageSlot_t slot);
+    std::string getDevice(eStorageSlot_t slot) override;
     // Whether the slot is ready, whatever the name says: announced by the kernel and present.
-    bool slotPresent(eStorageSlot_t slot);
+    bool slotPresent(eStorageSlot_t slot) override;
     void LogEvent(inotify_event* event);
 
     // ---- Alarms, LEDs, capacity: alarms.cpp ----
@@ -169,7 +184,7 @@ public:
     void raiseInvalidMediaAlert();
 
     // Commands every LED of the slot. Returns 0.
-    int setLED(eStorageSlot_t slot, eStorageLEDStatus_t status);
+    int setLED(eStorageSlot_t slot, eStorageLEDStatus_t status) override;
     void StalkTransporterAndFlashIfRecording();
     // True, and the loop ends after this pass, when `slot` is the one in use.
     bool checkForStorageRemovedAlarm(eStorageSlot_t slot);
@@ -183,16 +198,17 @@ public:
     // ---- Which slot is in use: slot_selection.cpp ----
 
     void setSelectedSlot(eStorageSlot_t slot);
+    // The slot behind `slot` on the board; none when `mode`, the slot in use, is one.
     eStorageSlot_t getNextSlot(eStorageSlot_t mode, eStorageSlot_t slot);
     eStorageSlot_t getNextAvailableSlot(eStorageSlot_t slot);
     // Returns an eSlotChangeResult_t. 0 also when the change will complete on a later pass.
-    unsigned int attemptSlotChange(eStorageSlot_t slot);
+    unsigned int attemptSlotChange(eStorageSlot_t slot) override;
     void activateSlot(eStorageSlot_t slot);
     // Returns 0 or eSlotChangeNotUnmounted.
     int deselectSlot();
     // Looks at every slot once. True when some slot holds a medium that the driver recognises; the argument is not
     // used.
-    bool findStorage(bool);
+    bool findStorage(bool) override;
     void ServiceMountRequests();
 
     // ---- Check, repair, mount, unmount, bus: mounting.cpp ----
@@ -213,7 +229,7 @@ public:
     std::string getStoragePath(eStorageSlot_t slot);
     void setStoragePath(eStorageSlot_t slot);
     // 0 on success, and also for a medium that the kernel mounted read-only: the mounted flag tells them apart. -1
-    // when the repair failed; else a tool's status.
+    // when the repair failed, another device came during the check, or the maker directory is a link; else a tool's status.
     int mountSlot(eStorageSlot_t slot, bool quiet);
     // 0 on success and in a double mount; the grep's status when nothing was mounted there; else umount's.
     int unmountSlot(eStorageSlot_t slot, bool lazy, bool quiet);
@@ -226,8 +242,13 @@ public:
 
     void setup_inotify();
     void teardown_inotify();
+    // Watches `path` instead of what was watched before; false when that cannot be had.
     bool watchPath(std::string path);
+    // Appends every pending event as (file name, event mask), in the kernel's order; false when there is none.
+    bool ReadEvents(std::list<std::pair<std::string, unsigned int>>& events, int fd, int wd);
+    // Brings the shared cache in step with what happened on the medium since the last pass.
     void checkMediaEvents();
+    // Makes the current clip the first one again after the media, the playlist or the clip list mode changed.
     void checkMediaUpdated();
 
     // ---- Clips to delete: clip_deletion.cpp ----
@@ -237,16 +258,21 @@ public:
     // The store's thread. Adds the names in `text` to `pending`; false when the text is empty.
     bool parseClipsToDelete(std::set<std::string>& pending, std::string text);
     std::set<std::string> getClipsToDelete();
+    // Deletes the files named in `clips`, "*" for all of them. 0 when there is none to delete, else 1.
     int deleteClips(std::set<std::string>& clips);
+    // Takes what has been handled out of the pending requests; what arrived meanwhile stays.
     void removeDeletedClips(std::set<std::string>& deleted);
 
     // ---- Erasing a medium: formatting.cpp ----
 
-    // False on success, true when it failed.
+    // Erases the medium in `slot` and brings it back into use with the reel's number as its name. Inverted: false on
+    // success, true when the file system could not be made.
     bool eraseStorage(eStorageSlot_t slot);
 
     // ---- FireWire disk access: firewire_access.cpp ----
 
+    // On a board that has it: makes the controller.
+    void setUpFirewireAccess();
     // While FireWire owns the medium: does what it needs in this pass and returns true.
     bool serviceFirewireAccess();
     // Starts FireWire access when that was asked for. Returns `result` when it was not.
@@ -257,11 +283,37 @@ private:
     std::string partitionNode(eStorageSlot_t slot);
     // Runs the board's useful string of that name.
     int runUsefulString(const char* key);
+    // As the public one. `staysMounted` tells whether something is still mounted that should not be.
+    int unmountSlot(eStorageSlot_t slot, bool lazy, bool quiet, bool& staysMounted);
+    // Has what has been written to the medium in `slot` reach it. Takes a minute at most, as every line; one line when it
+    // fails.
+    void syncMedium(eStorageSlot_t slot);
+    // Whether a symbolic link stands at `path` on a medium, through which a hostile card would have the recorder write
+    // wherever it likes. One line says so.
+    bool isForeignLink(const std::string& path);
     // Runs `line` with the usual buffer of 256 bytes for its output.
     int runCapturing(const std::string& line, std::string& output);
     // The medium in `slot` was exchanged while it was in use: let go of the old one, take the new one.
     unsigned int remount(eStorageSlot_t slot);
     void markSettingsChanged();
+    // Whether the kernel has announced a disk of that name in another slot.
+    bool isDeviceOfAnotherSlot(eStorageSlot_t slot, const std::string& devname);
+    // Whether the pin of a slot whose device was taken off the bus has come back, and nothing was announced for so long that
+    // it must have been a bounce: only a medium that is newly inserted is announced. True once.
+    bool isAnnouncementOverdue(eStorageSlot_t slot, const SlotAnnouncement& announcement);
+    // Whether the medium in `slot` is in the hands of the FireWire endpoint.
+    bool offeredOverFirewire(eStorageSlot_t slot);
+    // After a controller that could not reset the bus has thrown: one line, and the slot back to the recorder.
+    void abandonFirewireAccess();
+    // A file was closed or moved in, a file was deleted; whether the media changed by that.
+    bool fileArrived(nevo::media::MediaCache& cache, const std::string& path);
+    bool fileDeleted(nevo::media::MediaCache& cache, ClipFinder& finder, const std::string& path);
+    // The clips of the selected playlist in playlist mode, else all of them.
+    std::list<Clip> findSelectedClips(ClipFinder& finder);
+    // Before `clips` go: tells the recorder which clip becomes the current one, and gives it time to let go of its own.
+    void moveCurrentClipOff(ClipFinder& finder, const std::set<std::string>& clips);
+
+    static constexpr char kNotAvailable[] = "N/A"; // shown for the name of a volume or clip that is not there
 
     SlotListener* const _listener;
     Card* const _card;
@@ -276,7 +328,14 @@ private:
     std::string _reelName;
     eStorageSlot_t _selectedSlot = eStorageSlotUnknown;
     eStorageSlot_t _previousSlot = eStorageSlotUnknown; // selected before the current one
+    std::string _mountedDevice;                         // that it was mounted from, "sdb"
     bool _mounted = false;                              // the selected medium is mounted read-write
+    bool _leftMounted = false;                          // mounted out of use: its files may change unseen
+    std::set<eStorageSlot_t> _awaitedMedia;             // loading is shown for them
+    // Taken off the bus, or so it may be, with their medium in them, and when their pin came back; 0 while it has not.
+    std::map<eStorageSlot_t, std::time_t> _takenOffTheBus;
+    std::set<eStorageSlot_t> _probeWhenPresent;         // off the bus for no reason of the operator's
+    bool _notScannedYet = false;                        // the shared index does not tell of the selected medium
     bool _loopDone = false;                             // the loop ends after this pass
     bool _threaded = false;
     bool _cleanedUp = false;
@@ -287,7 +346,11 @@ private:
     int _capacityCounter = 0; // nanoseconds slept since the last measurement while the transport is active
     int _inotify = -1;
     int _watch = -1;
+    std::unique_ptr<char[]> _eventBuffer; // made by the first read
+    int _lastMediaTimeSeen = 0;           // value of kParamMediaChangedTime
     ThreadSleep _sleeper;
+    bool _firewireActive = false;
+    std::unique_ptr<FwData> _ownedFwData; // used through _fwData
 
     // Guarded by _semaphore.
     sem_t _semaphore; // ready from init on
@@ -306,6 +369,9 @@ private:
     std::atomic<bool> _cacheRefreshRequested{false};
     std::atomic<bool> _firewireStartRequested{false};
     std::atomic<bool> _firewireStopRequested{false};
+
+    // Set once by init, when events may be coming already; null on a board without FireWire.
+    std::atomic<FwData*> _fwData{nullptr};
 };
 
 #endif

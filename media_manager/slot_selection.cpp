@@ -1,13 +1,13 @@
 // Which slot is in use, and what happens to media that come and go.
 
-#include <boost/interprocess/exceptions.hpp>
 #include <list>
 #include <optional>
+#include <utility>
 
-#include "classes/diagnostics/diagnostics.h"
 #include "clip_finder.h"
 #include "daemonizer.h"
 #include "media/media_cache.h"
+#include "media_manager/cache_failure.h"
 #include "media_manager/media_manager.h"
 #include "parameters.h"
 
@@ -17,11 +17,8 @@ using nevo::media::MediaCache;
 
 namespace {
 
-constexpr char kNotAvailable[] = "N/A";
-
-void reportCacheFailure(const char* operation, const interprocess_exception& failure) {
-    report(std::string(operation) + ": the shared clip cache cannot be used: " + failure.what());
-}
+// Seconds that the kernel gets to announce a medium whose pin has come.
+constexpr std::time_t kAnnouncementAllowed = 3;
 
 // The recording settings that the take numbering toggles, put back in this order when the numbering is left, whether it
 // came to its end or not: they are the recorder's, and a recording made with the wrong ones cannot be repaired.
@@ -72,7 +69,7 @@ eStorageSlot_t MediaManager::getNextAvailableSlot(eStorageSlot_t slot) {
     // A board may chain its slots in a ring that the first slot is not part of.
     std::set<eStorageSlot_t> seen;
     while (slot != eStorageSlotUnknown && seen.insert(slot).second) {
-        if (slotRecord(slot).isPresent()) return slot;
+        if (slotRecord(slot).isPresent() && !offeredOverFirewire(slot)) return slot;
         slot = getNextSlot(eStorageSlotUnknown, slot);
     }
     return eStorageSlotUnknown;
@@ -96,6 +93,7 @@ unsigned int MediaManager::attemptSlotChange(eStorageSlot_t slot) {
         const bool present = record.isPresent();
         if (!announcement.recognized && present) {
             setMediaLoading(true);
+            _awaitedMedia.insert(slot);
             // The probe answers through a uevent, so the change completes on a later pass.
             probeBus(record);
             clearSlotChangeRequest();
@@ -103,6 +101,8 @@ unsigned int MediaManager::attemptSlotChange(eStorageSlot_t slot) {
             return eSlotChangeDone;
         }
         if (!present) return attemptSlotChange(getNextAvailableSlot(slot));
+        // A medium that is refused here is selected all the same, and may be mounted for use later.
+        _notScannedYet = true;
         displayVolumeName(slot);
         if (!isSlotFormatted(slot)) {
             raiseMediaUnformattedAlarm();
@@ -134,7 +134,10 @@ unsigned int MediaManager::attemptSlotChange(eStorageSlot_t slot) {
 }
 
 void MediaManager::activateSlot(eStorageSlot_t slot) {
+    // A medium that cannot be mounted now may well be mounted for use on the next pass.
+    _notScannedYet = true;
     if (mountSlot(slot, true) != 0 || shuttingDown()) return;
+    _notScannedYet = false;
     configureDirectories(slot);
     std::optional<MediaCache> cache; // lives to the end: other processes see the segments throughout
     try {
@@ -183,62 +186,136 @@ int MediaManager::deselectSlot() {
     if (current != eStorageSlotUnknown && !record.isPresent()) setSelectedSlot(eStorageSlotUnknown);
 
     int result = 0;
-    if (isSlotMounted(current)) {
-        if (unmountSlot(current, false, false) != 0 && record.isPresent()) result = eSlotChangeNotUnmounted;
+    const bool mounted = isSlotMounted(current);
+    // Of a medium that was pulled the kernel has taken the device, and may have put another one in its place; its mount is
+    // still there.
+    const bool orphaned = !mounted && _mounted && getDevice(current) != _mountedDevice;
+    if (mounted || orphaned) {
+        if (unmountSlot(current, orphaned, false) != 0 && record.isPresent()) result = eSlotChangeNotUnmounted;
         clearCurrentCapacityRemainingAlarm(eAlarmCapacityCritical);
         clearCurrentCapacityRemainingAlarm(eAlarmCapacityLow);
     }
     clearMediaDamagedAlarm();
     clearMediaUnformattedAlarm();
-    if (current != eStorageSlotUnknown && record.isPresent()) deleteDeviceFromBus(record);
+    if (current != eStorageSlotUnknown && record.isPresent()) {
+        const unsigned int announced = record.announcements();
+        deleteDeviceFromBus(record);
+        // Announced anew while it was in use, it would be taken again before the kernel says that it has gone.
+        record.clearNewlyInsertedSince(announced);
+        _takenOffTheBus[current] = 0;
+    }
     setLED(current, eStorageLEDOff);
     return result;
+}
+
+bool MediaManager::isDeviceOfAnotherSlot(eStorageSlot_t slot, const std::string& devname) {
+    if (devname.empty()) return false;
+    for (const eStorageSlot_t other : _listener->supportedSlots()) {
+        if (other == slot) continue;
+        const SlotAnnouncement announcement = slotRecord(other).readAnnouncement();
+        if (announcement.recognized && announcement.devname == devname) return true;
+    }
+    return false;
+}
+
+bool MediaManager::isAnnouncementOverdue(eStorageSlot_t slot, const SlotAnnouncement& announcement) {
+    const auto off = _takenOffTheBus.find(slot);
+    if (off == _takenOffTheBus.end() || off->second == 0) return false;
+    if (announcement.recognized) {
+        _takenOffTheBus.erase(off);
+        return false;
+    }
+    if (_selectedSlot != eStorageSlotUnknown) {
+        off->second = 0; // nobody waits for it any more
+        return false;
+    }
+    if (_os.time() - off->second < kAnnouncementAllowed) return false;
+    _takenOffTheBus.erase(off);
+    return true;
 }
 
 bool MediaManager::findStorage(bool) {
     // The kernel dropped announcements: have all of them repeated.
     if (_listener->takeDriverScanRequest()) runUsefulString("driver_scan");
 
-    const bool cfHack = _listener->getCapabilities().contains("cf_hack");
+    const bool cfHack = _listener->hasCapability("cf_hack");
     bool found = false;
     bool anyPresent = false;
-    for (const eStorageSlot_t slot : _listener->supportedSlots()) {
+    bool awaitedInVain = false;
+    for (const auto& [name, each] : _listener->slots()) {
+        const eStorageSlot_t slot = each.getSlotID();
         Slot& record = slotRecord(slot);
         const bool wasPresent = record.getLastPresentResult();
         const bool present = record.isPresent();
-        const SlotAnnouncement announcement = record.readAnnouncement();
+        // What is announced while a device is being deleted is another one's.
+        const unsigned int announced = record.announcements();
+        SlotAnnouncement announcement = record.readAnnouncement();
+        if (!present && announcement.recognized && isDeviceOfAnotherSlot(slot, announcement.devname)) {
+            // Its removal was never announced, and the kernel has given the name to another disk.
+            record.retractSince(announced);
+            announcement = record.readAnnouncement();
+        }
+        if (present && offeredOverFirewire(slot)) {
+            // The endpoint's, which has the bus announce it when it likes. Taking it would give its file system two
+            // owners.
+            found = found || announcement.recognized;
+            continue;
+        }
         anyPresent = anyPresent || present;
+        // Whoever else sits in a slot is not what is waited for.
+        if (!present && _awaitedMedia.erase(slot) != 0 && _awaitedMedia.empty()) awaitedInVain = true;
         if (present && !wasPresent) {
-            if (_selectedSlot == eStorageSlotUnknown) setMediaLoading(true);
+            if (_selectedSlot == eStorageSlotUnknown) {
+                setMediaLoading(true);
+                _awaitedMedia.insert(slot);
+                if (const auto off = _takenOffTheBus.find(slot); off != _takenOffTheBus.end()) off->second = _os.time();
+            }
             if (cfHack) probeBus(record);
         }
+        if (present && isAnnouncementOverdue(slot, announcement) && !cfHack) probeBus(record);
+        // Its pin was late; what the kernel had found by then is off the bus again.
+        if (present && _probeWhenPresent.erase(slot) != 0 && !cfHack && !announcement.recognized) probeBus(record);
         if (!present) {
             // The kernel may tell of a removal before the presence pin does; a selected slot that is neither recognised
             // nor present has lost its medium all the same.
             const bool selected = slot != eStorageSlotUnknown && slot == _selectedSlot;
             if (announcement.recognized || selected) {
+                if (announcement.newlyInserted && !selected) _probeWhenPresent.insert(slot);
                 deleteDeviceFromBus(record);
+                // The kernel may never tell, and may give the name to another slot's disk: once is enough.
+                record.retractSince(announced);
                 checkForStorageRemovedAlarm(slot);
             }
             continue;
         }
         if (!announcement.recognized) continue;
         found = true;
+        if (slot == _selectedSlot && _mounted && _notScannedYet && !storageInUse()) {
+            // It may have been refused, and that shows.
+            displayVolumeName(slot);
+            clearMediaDamagedAlarm();
+            clearMediaUnformattedAlarm();
+            activateSlot(slot);
+        }
         if (!announcement.newlyInserted) continue;
         if (_selectedSlot == eStorageSlotUnknown) {
             attemptSlotChange(slot);
         } else if (_selectedSlot != slot) {
             // A second medium is not kept on the bus while one is in use.
             deleteDeviceFromBus(record);
+            record.retractSince(announced); // once is enough, as above
+            _takenOffTheBus[slot] = 0;
         } else if (_mounted && !storageInUse()) {
             // Announced anew while it is in use: either the kernel repeats itself, or the medium was swapped so fast
             // that nobody saw the slot empty, and what is mounted is no longer there. Somebody who has acquired the
             // storage has to release it first; the mark stands until then.
+            // Swapped between its scan and its mount for use, it is mounted all the same, and was never scanned.
+            const bool swapped = record.hasGone();
             record.takeAnnouncement();
-            if (!isSlotMounted(slot)) remount(slot);
+            if (swapped || !isSlotMounted(slot)) remount(slot);
         }
     }
-    const bool nothingToWaitFor = _selectedSlot == eStorageSlotUnknown && !anyPresent;
+    const bool nothingToWaitFor = _selectedSlot == eStorageSlotUnknown && (!anyPresent || awaitedInVain);
     if (isMediaLoading() && (_selectedSlot != eStorageSlotUnknown || nothingToWaitFor)) setMediaLoading(false);
     return found;
 }

@@ -14,8 +14,9 @@
 //     open | close | write 62 value=1 mask=0x4 shift=2 | read 61 mask=0x10 shift=0      (FakeCard)
 //     run LINE                                                 (FakeFileUtils)
 //     sleep 250000000 | sleepSeconds 1 | sleepMicroseconds 250000 | system LINE | mkdir PATH 1411 (octal)
-//     unlink PATH | thread detached | join | inotify | getFlags 3 | setFlags 3 0x800 | watch 3 PATH 0x100
-//     unwatch 3 1 | uevents | bind 100 0xffffffff | wake 200 | closeDescriptor 3
+//     unlink PATH | exists PATH | create PATH 644 (octal) | guard PATH | thread detached | join | inotify | getFlags 3
+//     setFlags 3 0x800 | watch 3 PATH 0x100 | unwatch 3 1 | readDescriptor 3 4096 (when recordReads is set)
+//     closeDescriptor 3 | uevents | bind 100 0xffffffff | wake 200
 //                                                              (FakeOperatingSystem)
 //
 // Every object may be used from any thread. Hooks run on the thread that caused them, with no lock held.
@@ -394,6 +395,10 @@ public:
         if (onSystem) return onSystem(line);
         return 0;
     }
+    bool isRunning(const std::string& name) override {
+        return onIsRunning && onIsRunning(name);
+    }
+    std::function<bool(const std::string& name)> onIsRunning; // a look, which leaves no line; not set: nothing runs
     int makeDirectory(const std::string& path, mode_t mode) override {
         char text[16];
         std::snprintf(text, sizeof text, "%o", static_cast<unsigned int>(mode));
@@ -410,8 +415,31 @@ public:
         errno = ENOENT;
         return -1;
     }
+    bool exists(const std::string& path) override {
+        _journal.add("exists " + path);
+        const std::lock_guard lock(_lock);
+        return files.contains(path);
+    }
+    int createFile(const std::string& path, mode_t mode) override {
+        char text[16];
+        std::snprintf(text, sizeof text, "%o", static_cast<unsigned int>(mode));
+        _journal.add("create " + path + " " + text);
+        const std::lock_guard lock(_lock);
+        files.insert(path);
+        return 0;
+    }
+    bool isLink(const std::string& path) override {
+        const std::lock_guard lock(_lock);
+        return links.contains(path);
+    }
+    int guardMount(const std::string& path) override {
+        _journal.add("guard " + path);
+        return guardError == 0 ? 0 : fail(guardError);
+    }
     std::function<int(const std::string& line)> onSystem;
-    std::set<std::string> files; // paths that exist, as far as makeDirectory and unlink go
+    std::set<std::string> links; // paths that are symbolic links
+    int guardError = 0;          // what guardMount fails with
+    std::set<std::string> files; // paths that exist, as far as the operations above go
 
     // --- threads ---
     int startThread(ThreadKind kind, void* (*body)(void*), void* argument, pthread_t& thread) override {
@@ -539,6 +567,11 @@ public:
         if (_datagrams.empty() && takingTurns) throw TurnOver{};
         return _datagrams.empty() ? 0 : 1;
     }
+    int lookForUevent(int /*socket*/) override {
+        const std::lock_guard lock(_lock);
+        if (ueventLookError != 0) return fail(ueventLookError);
+        return _datagrams.empty() ? 0 : 1;
+    }
     ssize_t receiveUevent(int /*socket*/, void* buffer, std::size_t size) override {
         const std::lock_guard lock(_lock);
         if (ueventReceiveError != 0) return fail(ueventReceiveError);
@@ -551,6 +584,7 @@ public:
     }
     std::uint32_t droppedUevents(int /*socket*/) override {
         const std::lock_guard lock(_lock);
+        ++dropQuestions;
         return _dropped;
     }
     int openWake() override { return wakeError == 0 ? kWake : fail(wakeError); }
@@ -579,9 +613,11 @@ public:
         ueventPollError = error;
         _changed.notify_all();
     }
+    int dropQuestions = 0; // how often droppedUevents was called
     int ueventOpenError = 0;
     int ueventBindError = 0;
     int ueventPollError = 0;
+    int ueventLookError = 0;
     int ueventReceiveError = 0;
     int wakeError = 0;
 
@@ -602,6 +638,7 @@ public:
     }
     int addInotifyWatch(int descriptor, const std::string& path, std::uint32_t mask) override {
         _journal.add("watch " + std::to_string(descriptor) + " " + path + " " + hex(mask));
+        if (descriptor == -1) return fail(EBADF);
         return watchError == 0 ? ++_lastWatch : fail(watchError);
     }
     int removeInotifyWatch(int descriptor, int watch) override {
@@ -609,7 +646,8 @@ public:
         return unwatchError == 0 ? 0 : fail(unwatchError);
     }
     ssize_t read(int descriptor, void* buffer, std::size_t size) override {
-        if (recordReads) _journal.add("readDescriptor " + std::to_string(descriptor));
+        if (recordReads) _journal.add("readDescriptor " + std::to_string(descriptor) + " " + std::to_string(size));
+        if (descriptor == -1) return fail(EBADF);
         if (readError != 0) return fail(readError);
         const std::lock_guard lock(_lock);
         if (_input.empty()) return fail(EAGAIN);
@@ -621,9 +659,9 @@ public:
     }
     int close(int descriptor) override {
         _journal.add("closeDescriptor " + std::to_string(descriptor));
-        return 0;
+        return closeError == 0 ? 0 : fail(closeError);
     }
-    // What the next read of a descriptor gives.
+    // What the next read of a descriptor gives; without anything left it is told to try again.
     void feed(std::string bytes) {
         const std::lock_guard lock(_lock);
         _input.push_back(std::move(bytes));
@@ -636,6 +674,7 @@ public:
     int watchError = 0;
     int unwatchError = 0;
     int readError = 0;
+    int closeError = 0;
 
 private:
     static int fail(int error) {
@@ -709,10 +748,17 @@ public:
             content.append(buffer, static_cast<std::size_t>(got));
         return content;
     }
+    // What has come since the last take.
+    std::string take() {
+        std::string fresh = text().substr(_taken);
+        _taken += fresh.size();
+        return fresh;
+    }
 
 private:
     int _file;
     int _before;
+    std::size_t _taken = 0;
 };
 
 // A uevent as the kernel lays it out: the lines, each ended by a NUL.
@@ -720,6 +766,19 @@ inline std::string uevent(const Lines& lines) {
     std::string datagram;
     for (const std::string& line : lines) datagram.append(line).push_back('\0');
     return datagram;
+}
+
+// An inotify event as the kernel lays it out. A name is padded to `length` bytes (by itself to a multiple of 16); an
+// event without one is about the watched directory itself.
+inline std::string inotifyEvent(std::uint32_t mask, const std::string& name = "", std::uint32_t length = 0, int watch = 1) {
+    if (!name.empty() && length == 0) length = static_cast<std::uint32_t>(name.size() / 16 + 1) * 16;
+    const std::uint32_t cookie = 0x5a5a5a5a;
+    std::string bytes;
+    for (const std::uint32_t word : {static_cast<std::uint32_t>(watch), mask, cookie, length})
+        bytes.append(reinterpret_cast<const char*>(&word), sizeof word);
+    bytes += name;
+    bytes.resize(16 + length, '\0');
+    return bytes;
 }
 
 } // namespace fakes

@@ -39,16 +39,27 @@ std::list<Clip> ClipFinder::findClips(bool playlistSelected, bool filtered, bool
     fakes::ClipScanner& scanner = *fakes::ClipScanner::current;
     scanner.called(_config,
                    std::string("find ") + word(playlistSelected) + " " + word(filtered) + " " + word(refresh));
-    return scanner.found;
+    return filtered && scanner.selected ? *scanner.selected : scanner.found;
 }
 
 void ClipFinder::flushClips() { fakes::ClipScanner::current->called(_config, "flushClips"); }
 
 void ClipFinder::flushAll() { fakes::ClipScanner::current->called(_config, "flushAll"); }
 
-std::string ClipFinder::NextClipNameAfterDelete(std::list<Clip>, std::string current, std::set<std::string>) {
-    fakes::ClipScanner::current->called(_config, "next " + current);
-    return current;
+std::string ClipFinder::NextClipNameAfterDelete(std::list<Clip> clips, std::string current,
+                                                std::set<std::string> deleted) {
+    std::string line = "next " + current + " of ";
+    for (const Clip& clip : clips) line.append(&clip == &clips.front() ? "" : ",").append(clip.name);
+    line += " without ";
+    for (const std::string& name : deleted) line.append(name == *deleted.begin() ? "" : "|").append(name);
+    fakes::ClipScanner& scanner = *fakes::ClipScanner::current;
+    scanner.called(_config, line);
+    return scanner.next.value_or(current);
+}
+
+bool ClipFinder::removeClip(std::string path) {
+    fakes::ClipScanner::current->called(_config, "remove " + path);
+    return true;
 }
 
 void ClipFinder::ensureNextRecordedTakeIsGreaterThanAnyOnMedia(std::list<Clip>& clips) {

@@ -5,9 +5,11 @@
 // call becomes a line of the journal:
 //
 //     clips scan PATH | clips find true false true | clips number 2 | clips flushAll | clips flushClips
+//     clips remove PATH | clips next b of a,b,c without b.mov|c.mov
 
 #include <functional>
 #include <list>
+#include <optional>
 #include <string>
 
 #include "clip.h"
@@ -30,6 +32,8 @@ struct ClipScanner {
     Journal& journal;
     Config* config = nullptr;                             // what every finder has to be made with
     std::list<Clip> found;                                // what findClips gives
+    std::optional<std::list<Clip>> selected;              // the same, when its second flag is set
+    std::optional<std::string> next;                      // the clip after a deletion; the current one without this
     std::function<void(const std::string& line)> onCall;  // after the line was written
 };
 

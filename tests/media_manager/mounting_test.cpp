@@ -1,5 +1,6 @@
 // Check, repair, mount, unmount, and the bus.
 
+#include <algorithm>
 #include <cerrno>
 
 #include "tests/media_manager/manager_test.h"
@@ -14,6 +15,8 @@ constexpr char kFindNode[] = "/bin/mount | grep /dev/sdb2";
 constexpr char kFindPoint[] = "/bin/mount | grep /mnt/S1";
 constexpr char kLabel[] = "/usr/local/bin/volname.hfsplus /dev/sdb2 | awk -F': ' '{printf $2}'";
 constexpr char kNode[] = "/usr/local/bin/volname.hfsplus /dev/sdb2 2>&1";
+
+constexpr char kGuard[] = "guard /mnt/S1";
 
 std::string run(const std::string& line) { return "run " + line; }
 
@@ -207,6 +210,20 @@ TEST_F(MountingTest, noteThatCannotBeWrittenIsReportedAndNoFailure) {
     EXPECT_TRUE(error.ends_with("\n")) << error;
 }
 
+TEST_F(MountingTest, nothingIsWrittenThroughALinkOnTheMedium) {
+    startBeside();
+    for (const std::string link : {"/mnt/S1/NEVO", "/mnt/S1/NEVO/.uploads"}) {
+        os.links = {link};
+        EXPECT_NE(manager->configureDirectories(eStorageSlotS1), 0);
+        expectNoEffects();
+        expectError("Media Managerrefused a symbolic link on the medium: " + link + "\n");
+    }
+    os.links = {"/mnt/S1/NEVO/.uploads/README.txt"};
+    EXPECT_EQ(manager->configureDirectories(eStorageSlotS1), 0);
+    expectEffects({"run /bin/mkdir -p /mnt/S1/NEVO/.uploads/"});
+    expectError("Media Managerrefused a symbolic link on the medium: /mnt/S1/NEVO/.uploads/README.txt\n");
+}
+
 // --- mountSlot
 
 TEST_F(MountingTest, mountForUse) {
@@ -218,6 +235,7 @@ TEST_F(MountingTest, mountForUse) {
         run(kQuickCheck),
         led(S1, eStorageLEDOn),
         run(kMount),
+        kGuard,
         run(kScheduler),
         run(kFindNode),
         "unlink /var/www/media",
@@ -229,7 +247,7 @@ TEST_F(MountingTest, mountForUse) {
 TEST_F(MountingTest, quietMountLeavesLEDAndLinkAlone) {
     startBeside();
     EXPECT_EQ(manager->mountSlot(eStorageSlotS1, true), 0);
-    expectEffects({run(kFindPoint), run(kQuickCheck), run(kMount), run(kScheduler), run(kFindNode),
+    expectEffects({run(kFindPoint), run(kQuickCheck), run(kMount), kGuard, run(kScheduler), run(kFindNode),
                    sets(kParamStoragePath, "/mnt/S1/NEVO")});
 }
 
@@ -255,6 +273,7 @@ TEST_F(MountingTest, mountUnmountsLazilyFirst) {
         run(kQuickCheck),
         led(S1, eStorageLEDOn),
         run(kMount),
+        kGuard,
         run(kScheduler),
         run(kFindNode),
         "unlink /var/www/media",
@@ -282,6 +301,7 @@ TEST_F(MountingTest, dirtyMediumIsRepairedAndMounted) {
         run(kRepair),
         led(S1, eStorageLEDOn),
         run(kMount),
+        kGuard,
         run(kScheduler),
         run(kFindNode),
         "unlink /var/www/media",
@@ -294,7 +314,7 @@ TEST_F(MountingTest, repairIsBelievedWithoutASecondCheck) {
     startBeside();
     shell.answer(kQuickCheck, 0, "FILESYSTEM DIRTY\n");
     EXPECT_EQ(manager->mountSlot(eStorageSlotS1, true), 0);
-    expectEffects({run(kFindPoint), run(kQuickCheck), run(kRepair), run(kMount), run(kScheduler), run(kFindNode),
+    expectEffects({run(kFindPoint), run(kQuickCheck), run(kRepair), run(kMount), kGuard, run(kScheduler), run(kFindNode),
                    sets(kParamStoragePath, "/mnt/S1/NEVO")});
 }
 
@@ -334,6 +354,7 @@ TEST_F(MountingTest, schedulerThatCannotBeSetLeavesTheMediumMountedAndUnused) {
     shell.answer(kScheduler, 1);
     EXPECT_EQ(manager->mountSlot(eStorageSlotS1, false), 1);
     expectEffects({"unlink /var/www/media", run(kFindPoint), run(kQuickCheck), led(S1, eStorageLEDOn), run(kMount),
+                   kGuard,
                    run(kScheduler)});
     expectError("Media Managerfailed to set IO Scheduler to noop for /dev/sdb\n");
     EXPECT_TRUE(media.isMounted("/mnt/S1"));
@@ -345,12 +366,24 @@ TEST_F(MountingTest, readOnlyMountIsASuccessThatIsNotInUse) {
     media.media["sdb"].readOnly = true;
     EXPECT_EQ(manager->mountSlot(eStorageSlotS1, false), 0);
     expectEffects({"unlink /var/www/media", run(kFindPoint), run(kQuickCheck), led(S1, eStorageLEDOn), run(kMount),
+                   kGuard,
                    run(kScheduler), run(kFindNode), sets(kParamInvalidMediaAlert, 1)});
     expectError("Media Managermount failed or read-only mount for: /dev/sdb2 on /mnt/S1 output was: "
                 "/dev/sdb2 on /mnt/S1 type hfsplus (ro,noatime)\n\n");
     EXPECT_TRUE(media.isMounted("/mnt/S1"));
     EXPECT_FALSE(countsAsMounted());
     EXPECT_EQ(config.text(kParamStoragePath), "");
+}
+
+TEST_F(MountingTest, whatIsReportedOfTheMountTableSteersNoTerminal) {
+    startSelected();
+    shell.answer(kFindNode, 0, "/dev/sdb2 on /mnt/\x1b[2J\r (ro,noatime)\n");
+    EXPECT_EQ(manager->mountSlot(eStorageSlotS1, true), 0);
+    expectError("Media Managermount failed or read-only mount for: /dev/sdb2 on /mnt/S1 output was: "
+                "/dev/sdb2 on /mnt/?[2J? (ro,noatime)\n\n");
+    manager->unmountSlot(eStorageSlotS1, false, true);
+    expectError("Media Managerumount failed or double mount for: /dev/sdb2 on /mnt/S1 output was: "
+                "/dev/sdb2 on /mnt/?[2J? (ro,noatime)\n\n");
 }
 
 TEST_F(MountingTest, mountThatTheTableDoesNotShow) {
@@ -377,6 +410,37 @@ TEST_F(MountingTest, tableWithTheNodeButAFailingGrep) {
     EXPECT_EQ(manager->mountSlot(eStorageSlotS1, true), 2);
     takeErrors();
     EXPECT_FALSE(countsAsMounted());
+}
+
+TEST_F(MountingTest, mountThatCannotBeGuardedIsUsedAllTheSame) {
+    startSelected();
+    os.guardError = EPERM;
+    EXPECT_EQ(manager->mountSlot(eStorageSlotS1, true), 0);
+    expectEffects(mounts(S1, "sdb", true));
+    expectError("Media Managerfailed to guard the mount on /mnt/S1: Operation not permitted\n");
+    EXPECT_TRUE(countsAsMounted());
+}
+
+TEST_F(MountingTest, mediumWhoseMakerDirectoryIsALinkIsUnmountedAgain) {
+    startSelected();
+    os.links = {"/mnt/S1/NEVO"};
+    for (const bool quiet : {true, false}) {
+        config.put(kParamInvalidMediaAlert, 0);
+        EXPECT_EQ(manager->mountSlot(eStorageSlotS1, quiet), -1);
+        expectError("Media Managerrefused a symbolic link on the medium: /mnt/S1/NEVO\n");
+        Lines expected = mounts(S1, "sdb", true, !quiet);
+        if (!quiet) expected.insert(expected.begin(), kUnlink);
+        expected.back() = sets(kParamInvalidMediaAlert, 1);
+        expected = join({expected, unmounts(S1, "sdb", true, quiet)});
+        if (!quiet) expected.push_back(led(S1, eStorageLEDOff));
+        expectAllEffects(expected);
+        EXPECT_FALSE(media.isMounted("/mnt/S1"));
+        EXPECT_FALSE(countsAsMounted());
+    }
+    // Formatted it is as good as any other.
+    os.links.clear();
+    EXPECT_EQ(manager->mountSlot(eStorageSlotS1, false), 0);
+    EXPECT_TRUE(countsAsMounted());
 }
 
 TEST_F(MountingTest, webLinkThatCannotBeMadeIsIgnored) {
@@ -507,6 +571,77 @@ TEST_F(MountingTest, deletionFromTheBusGoesOnWhateverTheUnmountSays) {
     manager->deleteDeviceFromBus(listener->getSlot(eStorageSlotS1));
     expectError("Media Managerunmount failed for: /dev/sdb2 on /mnt/S1\n");
     EXPECT_EQ(effectsOf("system"), deletesFromBus("sdb"));
+}
+
+// Status 1 is also what grep says when nothing is mounted.
+TEST_F(MountingTest, mediumThatStaysMountedIsSyncedBeforeItsDeviceGoes) {
+    startWithMedium();
+    for (const int status : {1, 32}) {
+        media.umountStatus = status;
+        manager->deleteDeviceFromBus(listener->getSlot(eStorageSlotS1));
+        expectEffects({run(kFindPoint), "run /bin/umount  /mnt/S1", sets(kParamStoragePath, ""),
+                       "run /bin/sync -f /mnt/S1", deletesFromBus("sdb").front()});
+        expectError("Media Managerunmount failed for: /dev/sdb2 on /mnt/S1\n");
+    }
+}
+
+TEST_F(MountingTest, mediumThatIsMountedTwiceIsSyncedBeforeItsDeviceGoes) {
+    startWithMedium();
+    media.mounts.insert(media.mounts.begin(), {"/dev/sdb2", "/mnt/S1", "rw"});
+    manager->deleteDeviceFromBus(listener->getSlot(eStorageSlotS1));
+    expectEffects({run(kFindPoint), "run /bin/umount  /mnt/S1", sets(kParamStoragePath, ""), run(kFindNode),
+                   "run /bin/sync -f /mnt/S1", deletesFromBus("sdb").front()});
+    takeErrors();
+}
+
+TEST_F(MountingTest, syncThatFailsIsReportedAndTheDeviceGoes) {
+    startWithMedium();
+    media.umountStatus = 32;
+    shell.answer("/bin/sync -f /mnt/S1", 124);
+    manager->deleteDeviceFromBus(listener->getSlot(eStorageSlotS1));
+    expectError("Media Managerunmount failed for: /dev/sdb2 on /mnt/S1\n"
+                "Media Managerfailed to sync what is mounted on /mnt/S1\n");
+    EXPECT_EQ(effects().back(), deletesFromBus("sdb").front());
+}
+
+TEST_F(MountingTest, nobodyWaitsForACardThatWasPulled) {
+    startWithMedium();
+    media.umountStatus = 32;
+    pinGoesOut(S1);
+    manager->findStorage(true);
+    takeErrors();
+    const Lines lines = effects();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), deletesFromBus("sdb").front()), 1);
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "run /bin/sync -f /mnt/S1"), 0);
+}
+
+// Whether anybody has acquired it or not: a download needs nobody's leave.
+TEST_F(MountingTest, mediumInUseIsSyncedBeforeTheLazyUnmount) {
+    startWithMedium();
+    insert(S2, "sdc");
+    effects();
+    manager->unmountAll();
+    expectEffects(join({{"run /bin/sync -f /mnt/S1"},
+                        unmounts(S1, "sdb", true, false),
+                        {led(S1, eStorageLEDOff)},
+                        unmountOfNothing(S1, true),
+                        deletesFromBus("sdb"),
+                        unmountOfNothing(S2, false),
+                        unmountOfNothing(S2, true),
+                        deletesFromBus("sdc")}));
+}
+
+TEST_F(MountingTest, mediumThatSomebodyKeptMountedIsSyncedBeforeTheLazyUnmount) {
+    startWithMedium();
+    media.umountStatus = 32;
+    EXPECT_EQ(manager->unmountSlot(eStorageSlotS1, false, false), 32);
+    media.umountStatus = 0;
+    takeErrors();
+    effects();
+    manager->unmountAll();
+    const Lines lines = effectsOf("run ");
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.front(), "run /bin/sync -f /mnt/S1");
 }
 
 } // namespace

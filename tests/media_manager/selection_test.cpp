@@ -164,6 +164,7 @@ TEST_F(SelectionTest, mediumGoesIntoUse) {
         "run /bin/mount | grep /mnt/S1",
         "run /usr/local/bin/fsck.hfsplus -q /dev/sdb2 2>&1 | grep FILESYSTEM",
         "run /bin/mount -onoatime /dev/sdb2 /mnt/S1 2>&1",
+        "guard /mnt/S1",
         "run /bin/echo noop > /sys/block/sdb/queue/scheduler",
         "run /bin/mount | grep /dev/sdb2",
         sets(kParamStoragePath, "/mnt/S1/NEVO"),
@@ -174,6 +175,7 @@ TEST_F(SelectionTest, mediumGoesIntoUse) {
         "run /bin/mount | grep /dev/sdb2",
         "run /usr/local/bin/fsck.hfsplus -q /dev/sdb2 2>&1 | grep FILESYSTEM",
         "run /bin/mount -onoatime /dev/sdb2 /mnt/S1 2>&1",
+        "guard /mnt/S1",
         "run /bin/echo noop > /sys/block/sdb/queue/scheduler",
         "run /bin/mount | grep /dev/sdb2",
         sets(kParamStoragePath, "/mnt/S1/NEVO"),
@@ -684,7 +686,7 @@ TEST_F(SelectionTest, releaseThatCannotUnmount) {
                    "clips flushAll", sets(kParamPlaylistName, ""), sets(kParamMediaChangedTime, now()),
                    "run /bin/mount | grep /dev/sdb2", "unlink /var/www/media", "run /bin/mount | grep /mnt/S1",
                    "run /bin/umount  /mnt/S1", sets(kParamStoragePath, ""), "run /bin/mount | grep /mnt/S1",
-                   "run /bin/umount  /mnt/S1", sets(kParamStoragePath, ""),
+                   "run /bin/umount  /mnt/S1", sets(kParamStoragePath, ""), "run /bin/sync -f /mnt/S1",
                    "system echo -n 1 > /sys/block/sdb/device/delete", led(S1, eStorageLEDOff)});
 }
 

@@ -314,19 +314,19 @@ TEST_F(StartTest, threadFunctionRunsTheLoopAndGivesNothingBack) {
 TEST_F(StartTest, cleanupUnmountsWhatIsReadyAndReportsBothStates) {
     startWithMedium();
     manager->cleanup();
-    expectEffects(join({{sets(kParamMediaDaemonStatus, 5)},
+    expectEffects(join({{sets(kParamMediaDaemonStatus, 5), "run /bin/sync -f /mnt/S1"},
                         unmounts(S1, "sdb", true, false),
                         {led(S1, eStorageLEDOff)},
                         unmountOfNothing(S1, true),
                         deletesFromBus("sdb"),
-                        {sets(kParamMediaDaemonStatus, 6)}}));
+                        {"closeDescriptor 300", sets(kParamMediaDaemonStatus, 6)}}));
     EXPECT_EQ(MediaManager::_pMediaManager, nullptr);
 }
 
 TEST_F(StartTest, cleanupHappensOnce) {
     start();
     manager->cleanup();
-    expectEffects({sets(kParamMediaDaemonStatus, 5), sets(kParamMediaDaemonStatus, 6)});
+    expectEffects({sets(kParamMediaDaemonStatus, 5), "closeDescriptor 300", sets(kParamMediaDaemonStatus, 6)});
     manager->cleanup();
     expectNoEffects();
 }

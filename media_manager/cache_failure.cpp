@@ -1,0 +1,9 @@
+#include "media_manager/cache_failure.h"
+
+#include <string>
+
+#include "classes/diagnostics/diagnostics.h"
+
+void reportCacheFailure(const char* operation, const boost::interprocess::interprocess_exception& failure) {
+    report(std::string(operation) + ": the shared clip cache cannot be used: " + failure.what());
+}
