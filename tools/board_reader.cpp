@@ -19,6 +19,7 @@ namespace {
 
 constexpr char kFolder[] = "/usr/local/share/specs/";
 constexpr char kSuffix[] = ".specification";
+constexpr char kFirewire[] = "firewire_data"; // among the media capabilities
 
 // Enough for any description of a board, and over in about a second.
 constexpr int kMaxInstructions = 50'000'000;
@@ -111,6 +112,7 @@ using Slots = std::map<std::string, BoardSlot>;
 struct Work {
     const char* text; // the chunk; what follows a NUL byte is not part of it
     Slots slots;
+    bool firewire = false;
 };
 
 // Runs as a protected call: a field that is looked up may raise, too, by way of a metatable.
@@ -126,19 +128,25 @@ int runChunk(lua_State* state) {
         BoardSlot slot = readSlot(state);
         work.slots[slot.name] = std::move(slot);
     });
+    lua_getglobal(state, "mediaCapabilities");
+    if (lua_istable(state, -1)) {
+        for (lua_pushnil(state); lua_next(state, -2) != 0; lua_pop(state, 1))
+            work.firewire = work.firewire || (lua_isstring(state, -1) && !std::strcmp(lua_tostring(state, -1), kFirewire));
+    }
     return 0;
 }
 
 // The result is empty when all went well, else why not.
-std::string readSlots(const std::string& text, Slots& slots) {
+std::string readSlots(const std::string& text, Slots& slots, bool& firewire) {
     const std::unique_ptr<lua_State, LuaCloser> state(luaL_newstate());
     if (!state) return "out of memory";
     lua_sethook(state.get(), stopChunk, LUA_MASKCOUNT, kMaxInstructions);
-    Work work{text.c_str(), {}};
+    Work work{text.c_str(), {}, false};
     lua_pushcfunction(state.get(), runChunk);
     lua_pushlightuserdata(state.get(), &work);
     if (lua_pcall(state.get(), 1, 0, 0) == LUA_OK) {
         slots = std::move(work.slots);
+        firewire = work.firewire;
         return {};
     }
     const char* const message = lua_tostring(state.get(), -1);
@@ -162,7 +170,7 @@ Board readBoard() {
         return board;
     }
     Slots slots;
-    const std::string reason = readSlots(text.str(), slots);
+    const std::string reason = readSlots(text.str(), slots, board.mayHaveFirewire);
     if (!reason.empty()) board.problem = path + ": " + reason + "; no slots are listed";
     for (auto& [name, slot] : slots) board.slots.push_back(std::move(slot));
     return board;

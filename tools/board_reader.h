@@ -34,6 +34,7 @@ struct BoardSlot {
 
 struct Board {
     std::vector<BoardSlot> slots; // by name; of two of the same name the later one
+    bool mayHaveFirewire = true;  // false when the board's description is there and does not list FireWire disk access
     std::string problem;          // why there are no slots, in one line; empty when the file could be read
 };
 

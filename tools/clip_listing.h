@@ -11,7 +11,12 @@ namespace mediactl {
 // As a table, or as a JSON array of {index, name, time, encode_match, attributes{}}.
 Outcome listClips(bool json);
 
-// As a table, or as a JSON array of {index, name, path, modified, text}.
+// Until the process is ended: redrawn in place on a terminal (the newest clips, where it is too small for all), elsewhere
+// one table, or one line of JSON, for each change.
+Outcome watchClips(bool json);
+
+// As a table with each playlist's clips below its line, or as a JSON array of {index, name, title, path, modified, text,
+// clips[], complete}.
 Outcome listPlaylists(bool json);
 
 } // namespace mediactl

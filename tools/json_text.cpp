@@ -31,7 +31,7 @@ void addElement(const Json& to, Json value) {
 std::string writtenOut(const Json& document, bool indented) {
     const std::unique_ptr<char, decltype(&cJSON_free)> text(
         indented ? cJSON_Print(document.get()) : cJSON_PrintUnformatted(document.get()), &cJSON_free);
-    return text ? std::string(text.get()) : std::string();
+    return text ? withoutControlCharacters(text.get()) : std::string();
 }
 
 } // namespace mediactl

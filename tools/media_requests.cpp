@@ -5,8 +5,7 @@
 #include <string>
 
 #include "parameters.h"
-#include "store_watcher.h"
-#include "tools/store_connection.h"
+#include "tools/conversation.h"
 
 namespace mediactl {
 
@@ -22,70 +21,8 @@ constexpr std::int32_t kRemount = 2;   // of kParamSlotRemountCommand
 constexpr std::int32_t kShutDown = 8;  // of kParamSystemCommand
 constexpr std::int32_t kCleanedUp = 6; // of kParamMediaDaemonStatus
 
-// A request on its way: connected to the store and watching, before anything is written.
-class Conversation {
-public:
-    Conversation(eParam_t answer, std::chrono::seconds patience)
-        : _answer(answer),
-          _patience(patience),
-          _end(Clock::now() + patience),
-          _watcher(StoreWatcher::connect({answer})),
-          _store(_watcher ? StoreConnection::connect(StoreConnection::Access::ReadWrite) : nullptr) {}
-
-    bool connected() const { return _store != nullptr; }
-    StoreConnection& store() { return *_store; }
-
-    // Writes the request. A store that is lost over it may have taken it: Done then, and next tells what came of it.
-    Outcome post(eParam_t id, std::int32_t value) {
-        const int status = _store->write(id, ParameterValue{true, value, {}});
-        return status == kConfigUnreachable ? Outcome::Done : outcomeOf(status, id);
-    }
-
-    enum class News { Value, TimedOut, Lost };
-
-    // The next value that the answering parameter takes. After a loss of events it is the present one, and
-    // `intermediatesLost` is true: then even the request itself may have been among what was lost.
-    News next(std::int32_t& value, bool& intermediatesLost) {
-        for (;;) {
-            const auto rest = std::chrono::duration_cast<std::chrono::milliseconds>(_end - Clock::now()).count();
-            ConfigEvent event;
-            switch (_watcher->next(event, static_cast<int>(std::clamp<std::int64_t>(rest, 0, 3'600'000)))) {
-            case StoreWatcher::Result::Event:
-                value = event.integer;
-                intermediatesLost = false;
-                return News::Value;
-            case StoreWatcher::Result::Resync:
-                value = _store->integer(_answer);
-                intermediatesLost = true;
-                return News::Value;
-            case StoreWatcher::Result::Timeout:
-                if (Clock::now() >= _end) return News::TimedOut;
-                continue;
-            case StoreWatcher::Result::Interrupted: continue;
-            case StoreWatcher::Result::Lost: return News::Lost;
-            }
-        }
-    }
-
-    // For the two ways in which no answer comes.
-    Outcome failUnanswered(News news) const {
-        if (news == News::Lost)
-            return fail(Outcome::NobodyServes, "nobody serves the parameter store any more; the answer did not come");
-        return fail(Outcome::Failed, "mediad did not answer within " + std::to_string(_patience.count()) + " seconds");
-    }
-
-private:
-    using Clock = std::chrono::steady_clock;
-
-    eParam_t _answer;
-    std::chrono::seconds _patience;
-    Clock::time_point _end;
-    std::unique_ptr<StoreWatcher> _watcher;
-    std::unique_ptr<StoreConnection> _store;
-};
-
 Outcome postMediaCommand(std::int32_t command, std::chrono::seconds patience) {
-    Conversation conversation(kParamMediaCommand, patience);
+    Conversation conversation({kParamMediaCommand}, patience);
     if (!conversation.connected()) return failNobodyServes();
     std::int32_t value = 0;
     bool intermediatesLost = false;
@@ -120,6 +57,16 @@ Outcome postMediaCommand(std::int32_t command, std::chrono::seconds patience) {
     }
 }
 
+// mediad has ended. Where somebody else hosts the store, the request would stand in it and end every mediad to come; where
+// mediad did, there may be no store left, and nothing to take back.
+Outcome takeShutdownBack(StoreConnection& store) {
+    if (store.integer(kParamSystemCommand) != kShutDown) return Outcome::Done;
+    const int status = store.write(kParamSystemCommand, ParameterValue{true, 0, {}});
+    return status == kConfigUnreachable ? Outcome::Done : outcomeOf(status, kParamSystemCommand);
+}
+
+} // namespace
+
 std::string slotChangeRefusal(std::int32_t answer) {
     switch (answer) {
     case 10: return "the medium is unformatted";
@@ -130,14 +77,12 @@ std::string slotChangeRefusal(std::int32_t answer) {
     }
 }
 
-} // namespace
-
 Outcome acquireStorage(std::chrono::seconds patience) { return postMediaCommand(kAcquire, patience); }
 
 Outcome releaseStorage(std::chrono::seconds patience) { return postMediaCommand(kRelease, patience); }
 
 Outcome changeToNextSlot(std::chrono::seconds patience) {
-    Conversation conversation(kParamSlotChangeCommand, patience);
+    Conversation conversation({kParamSlotChangeCommand}, patience);
     if (!conversation.connected()) return failNobodyServes();
     // Posted even where a request stands already: mediad may have been started anew since and know nothing of it.
     const Outcome outcome = conversation.post(kParamSlotChangeCommand, kNextSlot);
@@ -163,21 +108,23 @@ Outcome remountSelectedSlot() {
 }
 
 Outcome shutDown(std::chrono::seconds patience) {
-    Conversation conversation(kParamMediaDaemonStatus, patience);
+    Conversation conversation({kParamMediaDaemonStatus}, patience);
     if (!conversation.connected()) return failNobodyServes();
-    // One that has cleaned up already writes its status no more.
-    const bool down = conversation.store().integer(kParamMediaDaemonStatus) == kCleanedUp;
-    const Outcome outcome = conversation.post(kParamSystemCommand, kShutDown);
-    if (outcome != Outcome::Done || down) return outcome;
+    StoreConnection& store = conversation.store();
+    // One that has cleaned up already writes its status no more, and the request would end the next one.
+    if (store.integer(kParamMediaDaemonStatus) == kCleanedUp) return takeShutdownBack(store);
+    const int posted = store.write(kParamSystemCommand, ParameterValue{true, kShutDown, {}});
+    if (posted != kConfigOk && posted != kConfigUnreachable) return outcomeOf(posted, kParamSystemCommand);
 
     for (;;) {
         std::int32_t status = 0;
         bool intermediatesLost = false;
         const Conversation::News news = conversation.next(status, intermediatesLost);
-        // A store that mediad hosts goes with it, as soon as the last value is written.
-        if (news == Conversation::News::Lost) return Outcome::Done;
-        if (news == Conversation::News::TimedOut) return conversation.failUnanswered(news);
-        if (status == kCleanedUp) return Outcome::Done;
+        // A store that mediad hosts goes with it, as soon as the last value is written. One that was lost over the request
+        // tells nothing of mediad.
+        if (news == Conversation::News::Lost && posted == kConfigOk) return Outcome::Done;
+        if (news != Conversation::News::Value) return conversation.failUnanswered(news);
+        if (status == kCleanedUp) return takeShutdownBack(store);
     }
 }
 

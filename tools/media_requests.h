@@ -6,6 +6,8 @@
 // the outcome is Failed and the request stays posted.
 
 #include <chrono>
+#include <cstdint>
+#include <string>
 
 #include "tools/outcome.h"
 
@@ -18,10 +20,15 @@ Outcome releaseStorage(std::chrono::seconds patience);
 // Releases the medium in use and takes the next slot's.
 Outcome changeToNextSlot(std::chrono::seconds patience);
 
+// What a value other than 0 in kParamSlotChangeCommand tells, for people.
+std::string slotChangeRefusal(std::int32_t answer);
+
 // Has the selected slot activated again. mediad does not answer this one: Done means that the request was posted.
 Outcome remountSelectedSlot();
 
-// Ends mediad; Done when it has cleaned up, or is gone together with the store.
+// Ends mediad; Done when it has cleaned up, or is gone together with the store. Once it has cleaned up the request is taken
+// back, or it would end the next mediad as well. Where mediad is down already nothing is posted, and a request that was left
+// standing is taken back: Done.
 Outcome shutDown(std::chrono::seconds patience);
 
 } // namespace mediactl

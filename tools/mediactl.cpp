@@ -8,7 +8,10 @@
 #include <optional>
 
 #include "tools/card_commands.h"
+#include "tools/clip_deletion.h"
 #include "tools/clip_listing.h"
+#include "tools/firewire_access.h"
+#include "tools/formatting.h"
 #include "tools/media_requests.h"
 #include "tools/outcome.h"
 #include "tools/parameter_commands.h"
@@ -29,7 +32,9 @@ constexpr char kMore[] =
     "First steps:\n"
     "  mediactl status --watch              what is going on, as it happens\n"
     "  mediactl clips                       the clips of the medium in use\n"
-    "  mediactl slot next                   change to the next slot's medium\n"
+    "  mediactl slot next                   let go of the medium; again: take the next slot's\n"
+    "  mediactl firewire on                 lend the medium to a computer\n"
+    "  mediactl delete Clip_1.mov           delete a file from it, after asking\n"
     "  mediactl watch kParamAlarms          a line for every change of the alarms\n"
     "  mediactl COMMAND --help              more about one command\n"
     "\n"
@@ -44,6 +49,9 @@ struct CommandLine {
     std::string value;
     bool json = false;
     bool watch = false;
+    std::vector<std::string> names;
+    bool all = false;
+    bool yes = false;
     std::optional<unsigned int> seconds;
     std::string reg;
     std::string mask;
@@ -102,16 +110,23 @@ void defineViews(CLI::App& app, CommandLine& line) {
         "progress, transport, slots[{name, present, leds[]}]. With --watch one line for each change.");
 
     CLI::App* clips = add(app, line, "clips", "List the clips of the medium in use, in time order",
-                          [&line] { return listClips(line.json); });
+                          [&line] { return line.watch ? watchClips(line.json) : listClips(line.json); });
+    clips->add_flag("--watch", line.watch,
+                    "Go on listing them, redrawn in place; where the output is no terminal, once for each change");
     addJson(clips, line);
     clips->footer(
         "MATCH tells whether the clip's codec is the one that the recorder was set to when the clip was found.\n"
-        "JSON keys: index, name, time (seconds since the epoch), encode_match, attributes{}.");
+        "JSON keys: index, name, time (seconds since the epoch), encode_match, attributes{}. With --watch one line for\n"
+        "each change.");
 
-    CLI::App* playlists = add(app, line, "playlists", "List the playlists of the medium in use",
+    CLI::App* playlists = add(app, line, "playlists", "List the playlists of the medium in use, each with its clips",
                               [&line] { return listPlaylists(line.json); });
     addJson(playlists, line);
-    playlists->footer("JSON keys: index, name, path, modified (seconds since the epoch), text.");
+    playlists->footer(
+        "NAME is what kParamPlaylistName selects it by, TITLE what the playlist calls itself. The index holds the first\n"
+        "4096 bytes of each; a longer one is read from the medium.\n"
+        "JSON keys: index, name, title (null where it cannot be read), path, modified (seconds since the epoch), text,\n"
+        "clips[], complete (whether clips[] is all of them).");
 }
 
 void defineRequests(CLI::App& app, CommandLine& line) {
@@ -129,14 +144,89 @@ void defineRequests(CLI::App& app, CommandLine& line) {
 
     CLI::App* slot = app.add_subcommand("slot", "Change the slot in use");
     slot->require_subcommand(1);
-    addTimeout(add(*slot, line, "next", "Release the medium in use and take the next slot's",
+    addTimeout(add(*slot, line, "next", "Release the medium in use; asked again, take the next slot's",
                    [&line] { return changeToNextSlot(line.patience(kUsualForSlotChange)); }),
                line, kUsualForSlotChange);
 
     add(app, line, "remount", "Have the medium in use activated again; does not wait for it", remountSelectedSlot);
-    addTimeout(add(app, line, "shutdown", "End mediad: it unmounts the media and leaves",
-                   [&line] { return shutDown(line.patience(kUsualForShutdown)); }),
-               line, kUsualForShutdown);
+    CLI::App* shutdown = add(app, line, "shutdown", "End mediad: it unmounts the media and leaves",
+                             [&line] { return shutDown(line.patience(kUsualForShutdown)); });
+    addTimeout(shutdown, line, kUsualForShutdown);
+    shutdown->footer(
+        "The request is taken back once mediad has ended, so that it does not end the next one. One that is not answered\n"
+        "in time stands until \"mediactl shutdown\" is said again, with mediad down.");
+}
+
+void defineFirewire(CLI::App& app, CommandLine& line) {
+    constexpr unsigned int kUsualForStart = 60;
+    constexpr unsigned int kUsualForStop = 600;
+    // The endpoint is started again after at most ten seconds, and a medium that is gone is missed after twelve.
+    constexpr unsigned int kUsualForLook = 13;
+
+    CLI::App* firewire = app.add_subcommand("firewire", "Lend the medium in use to a computer on the FireWire bus");
+    firewire->require_subcommand(1);
+
+    CLI::App* on = add(*firewire, line, "on", "Hand the medium in use over to FireWire; ends when it is offered",
+                       [&line] { return startFirewireAccess(line.patience(kUsualForStart)); });
+    addTimeout(on, line, kUsualForStart);
+    on->footer(
+        "Refused when no slot is selected, when the storage is acquired or cannot be unmounted, when the network address\n"
+        "is too short, and on a board without FireWire. A request that is not answered in time stands until\n"
+        "\"mediactl firewire off\".");
+
+    CLI::App* off = add(*firewire, line, "off", "Take the medium back; ends when the recorder has it again",
+                        [&line] { return stopFirewireAccess(line.patience(kUsualForStop)); });
+    addTimeout(off, line, kUsualForStop);
+    off->footer("A computer that still uses the disk loses it, with what it has not written yet.");
+
+    CLI::App* status = add(*firewire, line, "status", "Print idle, offered, \"in use by host\" or paused",
+                           [&line] { return showFirewireState(line.patience(kUsualForLook)); });
+    status->add_option("--timeout", line.seconds, "How long to look before \"paused\" is said; 13 where not given")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0U, 86400U));
+    status->footer(
+        "mediad tells nobody the state; it is put together from the mode, the files of the endpoint application in\n"
+        "/var/run and the disk that this application has open. What cannot be known:\n"
+        "- Access that is on while nobody has the medium is paused, or its endpoint is just being started. So \"paused\"\n"
+        "  is said after a while, unless the endpoint has reported its medium as lost.\n"
+        "- A mode of 2 may stand from before mediad was started, or wait for its turn: while a slot is selected it\n"
+        "  is \"idle\".\n"
+        "- Which slot was handed over, and whether a computer is connected that has not taken the disk.\n"
+        "- Who may not look at root's processes cannot see the disk: a running endpoint is taken for one that has it.");
+}
+
+void defineLosses(CLI::App& app, CommandLine& line) {
+    constexpr unsigned int kUsualForDeletion = 60;
+    constexpr unsigned int kUsualForFormatting = 600;
+    const auto addYes = [&line](CLI::App* to) { to->add_flag("--yes", line.yes, "Do it without asking, for scripts"); };
+
+    CLI::App* deletion = add(app, line, "delete", "Delete clips and other files from the medium in use", [&line] {
+        const std::chrono::seconds patience = line.patience(kUsualForDeletion);
+        if (line.all) return deleteEverything(line.yes, patience);
+        if (line.names.empty()) return fail(Outcome::WrongUsage, "which files? Name them, or say --all");
+        return deleteClips(line.names, line.yes, patience);
+    });
+    CLI::Option* names =
+        deletion->add_option("NAME", line.names, "File names as they stand in the maker directory, such as Clip_1.mov");
+    CLI::Option* all = deletion->add_flag("--all", line.all, "Every file that is not hidden");
+    names->type_name("");
+    names->excludes(all);
+    addYes(deletion);
+    addTimeout(deletion, line, kUsualForDeletion);
+    deletion->footer(
+        "Asks first, on a terminal. Tells what was deleted when it is gone from the medium and from the index; a name\n"
+        "that is not there is no failure. Names with a slash, |, \", \\, $, ` or a control character, and those that begin\n"
+        "with a dash, cannot be asked for. Refused while no slot is selected, the transport is not idle, or FireWire disk\n"
+        "access is on.");
+
+    CLI::App* format = add(app, line, "format", "Erase the medium in use: a fresh file system, named by the reel number",
+                           [&line] { return formatMedium(line.yes, line.patience(kUsualForFormatting)); });
+    addYes(format);
+    addTimeout(format, line, kUsualForFormatting);
+    format->footer(
+        "Shows the volume that will be lost and asks, on a terminal. Ends with the name of the new volume. A request that\n"
+        "mediad does not take up in time is withdrawn, and so is one that is interrupted (SIGINT, SIGTERM, SIGHUP) before\n"
+        "mediad has begun. Refused as \"delete\" is.");
 }
 
 void defineCard(CLI::App& app, CommandLine& line) {
@@ -168,6 +258,8 @@ Outcome run(int argc, char** argv) {
     defineViews(app, line);
     defineParameterCommands(app, line);
     defineRequests(app, line);
+    defineFirewire(app, line);
+    defineLosses(app, line);
     defineCard(app, line);
     app.footer(kMore); // now, or every command inherits it
 

@@ -75,10 +75,7 @@ private:
 };
 
 std::string transportText(std::int32_t state) {
-    const char* word = "active";
-    if (state == 2) word = "recording";
-    for (const std::int32_t idle : {0, 1, 15, 19, 20})
-        if (state == idle) word = "idle";
+    const char* word = isIdle(state) ? "idle" : state == 2 ? "recording" : "active";
     return std::string(word) + " (" + std::to_string(state) + ")";
 }
 
@@ -117,6 +114,12 @@ std::string slotName(std::int32_t slot) {
     case 4: return "D2";
     default: return std::to_string(slot);
     }
+}
+
+bool isIdle(std::int32_t transport) {
+    for (const std::int32_t idle : {0, 1, 15, 19, 20})
+        if (transport == idle) return true;
+    return false;
 }
 
 bool readStatus(StoreConnection& store, const Board& board, RecorderStatus& status) {

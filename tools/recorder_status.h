@@ -45,6 +45,9 @@ std::vector<eParam_t> statusParameters(const Board& board);
 // "S1" and so on; the number itself for a slot that nobody knows, empty for none.
 std::string slotName(std::int32_t slot);
 
+// Whether mediad takes requests in this state of the transport.
+bool isIdle(std::int32_t transport);
+
 // Several lines, for people.
 std::string statusText(const RecorderStatus& status);
 

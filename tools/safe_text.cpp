@@ -94,6 +94,23 @@ std::string validUtf8(std::string_view text) {
     return result;
 }
 
+std::string withoutControlCharacters(std::string_view json) {
+    std::string result;
+    while (!json.empty()) {
+        const CodePoint first = firstCodePoint(json);
+        const std::size_t bytes = first.bytes == 0 ? 1 : first.bytes;
+        if (first.bytes != 0 && first.value >= 0x7f && first.value < 0xa0) {
+            char buffer[8];
+            std::snprintf(buffer, sizeof buffer, "\\u%04x", static_cast<unsigned int>(first.value) & 0xffff);
+            result += buffer;
+        } else {
+            result += json.substr(0, bytes);
+        }
+        json.remove_prefix(bytes);
+    }
+    return result;
+}
+
 std::size_t columns(std::string_view text) {
     std::size_t count = 0;
     for (const char c : text)

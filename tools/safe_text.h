@@ -16,6 +16,10 @@ std::string printable(std::string_view text);
 // For JSON: what is no UTF-8, and NUL, becomes U+FFFD.
 std::string validUtf8(std::string_view text);
 
+// For JSON as it is written out: the control characters that JSON lets through become \u00HH, which says the same and steers
+// no terminal.
+std::string withoutControlCharacters(std::string_view json);
+
 // Code points in UTF-8 text: near enough the columns that it takes on a terminal.
 std::size_t columns(std::string_view text);
 

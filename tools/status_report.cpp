@@ -1,11 +1,10 @@
 #include "tools/status_report.h"
 
-#include <unistd.h>
-
 #include <iostream>
 #include <memory>
 #include <optional>
 
+#include "tools/live_view.h"
 #include "tools/recorder_status.h"
 #include "tools/store_watch.h"
 
@@ -20,33 +19,6 @@ Board boardOrComplaint() {
     Board board = readBoard();
     if (!board.problem.empty()) say(board.problem);
     return board;
-}
-
-// Draws over the last picture instead of clearing the screen first, which would flicker.
-class Terminal {
-public:
-    void draw(const std::string& text) {
-        std::string frame = _drawn ? "\033[H" : "\033[2J\033[H";
-        for (const char c : text) {
-            if (c == '\n') frame += "\033[K"; // what is left of a longer line
-            frame += c;
-        }
-        std::cout << frame << "\033[J" << std::flush; // what is left of a longer picture
-        _drawn = true;
-    }
-
-    // Something else was written meanwhile, a complaint for instance.
-    void forget() { _drawn = false; }
-
-private:
-    bool _drawn = false;
-};
-
-// What is waiting already, so that a burst of changes makes one picture; bounded, or one that does not end makes none.
-void drain(StoreWatch& watch, StoreWatch::Result first) {
-    ConfigEvent event;
-    for (int i = 0; i < 1000 && (first == StoreWatch::Result::Event || first == StoreWatch::Result::Resync); ++i)
-        first = watch.next(event, 0);
 }
 
 } // namespace
@@ -67,28 +39,19 @@ Outcome watchStatus(bool json) {
     StoreWatch watch(statusParameters(board));
     if (!watch.connect()) return failNobodyServes();
 
-    const bool inPlace = !json && isatty(STDOUT_FILENO);
-    Terminal terminal;
+    LiveView view(json);
     std::optional<RecorderStatus> shown;
     while (std::cout) {
         RecorderStatus status;
         // Without a store the last picture stands; the watch says what has happened.
         if (readStatus(*store, board, status) && status != shown) {
-            if (json)
-                std::cout << statusJson(status, false) << std::endl;
-            else if (inPlace)
-                terminal.draw(statusText(status));
-            else
-                std::cout << (shown ? "\n" : "") << statusText(status) << std::flush;
+            view.show(json ? statusJson(status, false) + "\n" : statusText(status));
             shown = std::move(status);
         }
         ConfigEvent event;
         const StoreWatch::Result result = watch.next(event, kLookMilliseconds);
-        drain(watch, result);
-        if (result == StoreWatch::Result::Reconnected) {
-            terminal.forget();
-            if (inPlace) shown.reset();
-        }
+        watch.drain(result);
+        if (result == StoreWatch::Result::Reconnected && view.forget()) shown.reset();
     }
     return Outcome::Done; // main reports that standard output does not take any more
 }

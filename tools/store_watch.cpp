@@ -45,4 +45,9 @@ StoreWatch::Result StoreWatch::next(ConfigEvent& event, int milliseconds) {
     }
 }
 
+void StoreWatch::drain(Result first) {
+    ConfigEvent event;
+    for (int i = 0; i < 1000 && (first == Result::Event || first == Result::Resync); ++i) first = next(event, 0);
+}
+
 } // namespace mediactl

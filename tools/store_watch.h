@@ -30,6 +30,10 @@ public:
     // Waits up to `milliseconds` (-1: for ever) for what happens next; one that is lost is looked for meanwhile.
     Result next(ConfigEvent& event, int milliseconds);
 
+    // Takes what is waiting behind `first`, so that a burst of changes makes one picture; bounded, or one that does not
+    // end makes none.
+    void drain(Result first);
+
 private:
     std::vector<eParam_t> _identifiers;
     std::unique_ptr<StoreWatcher> _watcher;

@@ -44,17 +44,21 @@ Program::Program(std::vector<std::string> arguments, Output kind) {
     argv.push_back(nullptr);
     _pid = fork();
     if (_pid == 0) {
-        dup2(input[0], STDIN_FILENO);
+        const bool console = kind == Output::Console;
+        dup2(console ? output[1] : input[0], STDIN_FILENO);
         dup2(output[1], STDOUT_FILENO);
-        dup2(errors[1], STDERR_FILENO);
+        dup2(console ? output[1] : errors[1], STDERR_FILENO);
+        // Whoever started the tests may have had them ignored.
+        for (const int number : {SIGINT, SIGTERM, SIGHUP}) signal(number, SIG_DFL);
         execv(argv[0], argv.data());
         _exit(127);
     }
     close(input[0]);
     close(output[1]);
     close(errors[1]);
-    _input = input[1];
     _out = output[0];
+    _input = input[1];
+    _console = kind == Output::Console;
     _err = errors[0];
 }
 
@@ -126,6 +130,22 @@ int Program::wait() {
 }
 
 void Program::kill(int signal) { ::kill(_pid, signal); }
+
+void Program::stop() {
+    ::kill(_pid, SIGSTOP);
+    int status = 0;
+    if (waitpid(_pid, &status, WUNTRACED) != _pid || !WIFSTOPPED(status)) abort();
+}
+
+void Program::type(const std::string& text) {
+    const ssize_t size = static_cast<ssize_t>(text.size());
+    if (write(_console ? _out : _input, text.data(), text.size()) != size) abort();
+}
+
+void Program::setTerminalSize(unsigned short rows, unsigned short columns) {
+    const winsize size{rows, columns, 0, 0};
+    if (ioctl(_out, TIOCSWINSZ, &size) != 0) abort();
+}
 
 void Program::closeInput() { closeIfOpen(_input); }
 

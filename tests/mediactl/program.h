@@ -11,7 +11,8 @@
 
 class Program {
 public:
-    enum class Output { Pipe, Terminal };
+    // Console: standard input and standard error are the terminal as well, and all that appears there is output().
+    enum class Output { Pipe, Terminal, Console };
 
     explicit Program(std::vector<std::string> arguments, Output output = Output::Pipe);
 
@@ -31,7 +32,12 @@ public:
     int wait();
 
     void kill(int signal);
+    void stop(); // all of its threads, when this returns; SIGCONT lets it go on
+    void type(const std::string& text);
     void closeInput();
+
+    // Of the terminal; before the program looks.
+    void setTerminalSize(unsigned short rows, unsigned short columns);
 
     // Everything so far.
     const std::string& output() const { return _output; }
@@ -45,6 +51,7 @@ private:
     int _input = -1;
     int _out = -1;
     int _err = -1;
+    bool _console = false;
     std::string _output;
     std::string _errors;
     std::size_t _outputSeen = 0;

@@ -1,9 +1,10 @@
 // Hosts the parameter store and answers as the recorder's processes would. Each argument is a rule:
 //
-//   start:ID=INTEGER       written before "ready" appears on standard output
-//   ID=INTEGER:ID=INTEGER  when the first parameter takes the first value, the second one is written; ":end" instead
-//   ends
-//                          this process. Of several rules for one change all are followed, in order.
+//   start:ID=VALUE       written before "ready" appears on standard output
+//   ID=INTEGER:ID=VALUE  when the first parameter takes the first value, the second one is written; ":end" instead ends
+//                        this process. Of several rules for one change all are followed, in order.
+//
+// A value is an integer, or a text with an apostrophe in front of it.
 //
 // Ends with the end of standard input.
 
@@ -11,6 +12,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,6 +24,14 @@ namespace {
 struct Assignment {
     eParam_t id;
     int value;
+    std::optional<std::string> text; // instead of the value
+
+    void carryOut(Config& config) const {
+        if (text)
+            config.setString(id, *text);
+        else
+            config.setInteger(id, value);
+    }
 };
 
 struct Rule {
@@ -32,8 +42,10 @@ struct Rule {
 
 Assignment parse(const std::string& text) {
     const std::size_t equals = text.find('=');
+    const std::string value = text.substr(equals + 1);
     return {static_cast<eParam_t>(std::strtoul(text.substr(0, equals).c_str(), nullptr, 0)),
-            static_cast<int>(std::strtol(text.substr(equals + 1).c_str(), nullptr, 0))};
+            static_cast<int>(std::strtol(value.c_str(), nullptr, 0)),
+            value.starts_with('\'') ? std::optional(value.substr(1)) : std::nullopt};
 }
 
 class Answering : public ConfigEventListener {
@@ -44,7 +56,7 @@ public:
         for (const Rule& rule : _rules) {
             if (rule.when.id != id || rule.when.value != static_cast<int>(value)) continue;
             if (rule.end) _exit(0);
-            _config.setInteger(rule.then.id, rule.then.value);
+            rule.then.carryOut(_config);
         }
     }
     void ParamChanged(eParam_t, std::string, timeval) override {}
@@ -76,7 +88,7 @@ int main(int argc, char** argv) {
     if (!config || !channel) return 1;
     Answering answering(*config, rules);
     channel->addListener(&answering);
-    for (const Assignment& assignment : first) config->setInteger(assignment.id, assignment.value);
+    for (const Assignment& assignment : first) assignment.carryOut(*config);
     std::puts("ready");
     std::fflush(stdout);
 

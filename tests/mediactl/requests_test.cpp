@@ -1,5 +1,14 @@
 // acquire, release, slot next, remount and shutdown, with a stand-in that answers, refuses or keeps silent.
 
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
 #include "recorder.h"
 
 namespace {
@@ -122,23 +131,115 @@ TEST_F(Requests, shutdownIsDoneWhenTheDaemonHasCleanedUp) {
     serve(
         {start(kDaemonStatus, 3), rule(kSystemCommand, 8, kDaemonStatus, 5), rule(kDaemonStatus, 5, kDaemonStatus, 6)});
     expectDone(mediactl({"shutdown"}));
-    EXPECT_EQ(value(kSystemCommand), "8");
+    EXPECT_EQ(value(kSystemCommand), "0") << "or it ends the next daemon as well";
+}
+
+TEST_F(Requests, shutdownDoesNotTakeAnothersCommandBack) {
+    serve({start(kDaemonStatus, 3), rule(kSystemCommand, 8, kDaemonStatus, 5), rule(kDaemonStatus, 5, kSystemCommand, 3),
+           rule(kDaemonStatus, 5, kDaemonStatus, 6)});
+    expectDone(mediactl({"shutdown"}));
+    EXPECT_EQ(value(kSystemCommand), "3");
 }
 
 TEST_F(Requests, shutdownIsDoneWhenTheStoreGoes) {
-    serve({start(kDaemonStatus, 3), rule(kSystemCommand, 8, kDaemonStatus, 5), std::string(kDaemonStatus) + "=5:end"});
-    expectDone(mediactl({"shutdown"}));
+    serve({start(kDaemonStatus, 3), std::string(kDaemonStatus) + "=5:end"});
+    Program shutdown(commandLine(MEDIACTL, {"shutdown"}));
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (value(kSystemCommand) != "8" && std::chrono::steady_clock::now() < end) std::this_thread::yield();
+    // The request is answered by now.
+    mediactl({"set", kDaemonStatus, "5"});
+    const int status = shutdown.wait();
+    expectDone({status, shutdown.output(), shutdown.errors()});
 }
 
 TEST_F(Requests, shutdownIsNotDoneWhileTheDaemonStillCleansUp) {
     serve({start(kDaemonStatus, 3), rule(kSystemCommand, 8, kDaemonStatus, 5)});
     expectFailure(mediactl({"shutdown", "--timeout", "1"}), 1, "did not answer");
+    EXPECT_EQ(value(kSystemCommand), "8");
 }
 
-TEST_F(Requests, shutdownOfADaemonThatIsDownIsDoneAtOnce) {
-    serve({start(kDaemonStatus, 6)});
+TEST_F(Requests, shutdownOfADaemonThatIsDownIsDoneAtOnceAndPostsNothing) {
+    serve({start(kDaemonStatus, 6), start(kSystemCommand, 3), rule(kSystemCommand, 8, "0x5c000001", 8)});
     expectDone(mediactl({"shutdown"}));
-    EXPECT_EQ(value(kSystemCommand), "8");
+    EXPECT_EQ(value(kSystemCommand), "3");
+}
+
+TEST_F(Requests, shutdownOfADaemonThatIsDownTakesBackWhatStands) {
+    serve({start(kDaemonStatus, 6), start(kSystemCommand, 8)});
+    expectDone(mediactl({"shutdown"}));
+    EXPECT_EQ(value(kSystemCommand), "0");
+}
+
+// A store's host that answers its clients one after the other.
+class BriefHost {
+public:
+    enum Packet : unsigned char { Hello = 1, Get = 2, SetInteger = 3, Subscribe = 5, Welcome = 32, Status = 33 };
+
+    BriefHost() : _listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
+        std::filesystem::create_directories("/run/mediad");
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        kSocket.copy(address.sun_path, kSocket.size());
+        const timeval patience{60, 0};
+        EXPECT_EQ(setsockopt(_listener, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience), 0);
+        EXPECT_EQ(bind(_listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(listen(_listener, 8), 0);
+    }
+    ~BriefHost() { leave(); }
+    BriefHost(const BriefHost&) = delete;
+    BriefHost& operator=(const BriefHost&) = delete;
+
+    // Takes the next client and answers it up to a packet of this type; that one only if it is to be answered.
+    void serve(Packet last, bool answered) {
+        const int client = accept4(_listener, nullptr, nullptr, SOCK_CLOEXEC);
+        ASSERT_GE(client, 0);
+        _clients.push_back(client);
+        for (bool atEnd = false; !atEnd;) {
+            pollfd waiting{client, POLLIN, 0};
+            ASSERT_EQ(poll(&waiting, 1, 60'000), 1);
+            unsigned char packet[4096];
+            ASSERT_GE(recv(client, packet, sizeof packet, 0), 8);
+            atEnd = packet[3] == last;
+            if (!atEnd || answered) answer(client, packet);
+        }
+    }
+
+    // From one moment to the next.
+    void leave() {
+        unlink(kSocket.c_str());
+        for (const int client : _clients) close(client);
+        _clients.clear();
+        if (_listener >= 0) close(_listener);
+        _listener = -1;
+    }
+
+private:
+    inline static const std::string kSocket = "/run/mediad/store.sock";
+
+    // Nobody has written anything yet, and everybody may.
+    static void answer(int client, const unsigned char* packet) {
+        std::vector<unsigned char> answer{0, 1, 0, packet[3] == Hello ? Welcome : Status};
+        answer.insert(answer.end(), packet + 4, packet + 8);
+        const std::vector<unsigned char> welcome{0, 0, 0, 0, 0, 0, 0, 7, 0, 0, 0, 1};
+        const std::vector<unsigned char> unknown{0xff, 0xff, 0xff, 0xfb};
+        const std::vector<unsigned char> done{0, 0, 0, 0};
+        const std::vector<unsigned char>& body = packet[3] == Hello ? welcome : packet[3] == Get ? unknown : done;
+        answer.insert(answer.end(), body.begin(), body.end());
+        EXPECT_EQ(send(client, answer.data(), answer.size(), MSG_NOSIGNAL), static_cast<ssize_t>(answer.size()));
+    }
+
+    int _listener;
+    std::vector<int> _clients;
+};
+
+TEST_F(Requests, shutdownIsNotDoneWhenTheStoreGoesBeforeItHasTheRequest) {
+    BriefHost host;
+    Program shutdown(commandLine(MEDIACTL, {"shutdown"}));
+    host.serve(BriefHost::Subscribe, true); // the watcher
+    host.serve(BriefHost::SetInteger, false);
+    host.leave();
+    const int status = shutdown.wait();
+    expectFailure({status, shutdown.output(), shutdown.errors()}, 3, "nobody serves the parameter store any more");
 }
 
 } // namespace

@@ -391,7 +391,7 @@ TEST_F(Status, watchRedrawsInPlaceOnATerminal) {
     set("kParamSelectedSlot", "2");
     ASSERT_TRUE(watch.waitForOutput("\x1b[HSelected slot:  S2\x1b[K\r\n"));
     ASSERT_TRUE(watch.waitForOutput("\x1b[J"));
-    EXPECT_EQ(watch.output().find("\x1b[2J", 1), std::string::npos) << "the screen is cleared once only";
+    EXPECT_EQ(watch.output().find("\x1b[2J"), watch.output().rfind("\x1b[2J")) << "the screen is cleared once only";
 }
 
 TEST_F(Status, watchGoesOnWhenTheStoreComesBack) {

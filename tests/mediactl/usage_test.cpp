@@ -38,11 +38,17 @@ INSTANTIATE_TEST_SUITE_P(
                     Arguments{"set", "kParamAlarms", ""}, Arguments{"set", "kParamAlarms", "99999999999999999999"},
                     Arguments{"set", "kParamAlarms", "text"}, Arguments{"watch", "unheardOf"},
                     Arguments{"list", "more"}, Arguments{"status", "more"}, Arguments{"status", "--unheard-of"},
-                    Arguments{"clips", "more"}, Arguments{"playlists", "--watch"}, Arguments{"acquire", "more"},
+                    Arguments{"clips", "more"}, Arguments{"clips", "--watch", "more"},
+                    Arguments{"delete"}, Arguments{"delete", "--yes"}, Arguments{"delete", "a.mov", "--all"},
+                    Arguments{"delete", "-r"}, Arguments{"delete", "--timeout", "soon", "a.mov"},
+                    Arguments{"format", "more"}, Arguments{"format", "--timeout"},
+                    Arguments{"playlists", "--watch"}, Arguments{"acquire", "more"},
                     Arguments{"acquire", "--timeout"}, Arguments{"acquire", "--timeout", "-1"},
                     Arguments{"release", "--timeout", "soon"}, Arguments{"slot"}, Arguments{"slot", "previous"},
                     Arguments{"slot", "next", "more"}, Arguments{"remount", "--timeout", "1"},
-                    Arguments{"shutdown", "--timeout", "86401"}, Arguments{"card"}, Arguments{"card", "unheard-of"},
+                    Arguments{"shutdown", "--timeout", "86401"},
+                    Arguments{"firewire"}, Arguments{"firewire", "maybe"}, Arguments{"firewire", "on", "off"},
+                    Arguments{"firewire", "off", "--timeout", "soon"}, Arguments{"firewire", "status", "--json"}, Arguments{"card"}, Arguments{"card", "unheard-of"},
                     Arguments{"card", "create", "more"}, Arguments{"card", "read"}, Arguments{"card", "read", "65536"},
                     Arguments{"card", "read", "-1"}, Arguments{"card", "read", "1", "2"}, Arguments{"card", "read", ""},
                     Arguments{"card", "read", "1", "--mask", "0x100000000"},
@@ -68,8 +74,11 @@ INSTANTIATE_TEST_SUITE_P(Rows, NobodyServes,
                                          Arguments{"watch"}, Arguments{"watch", "kParamAlarms"}, Arguments{"status"},
                                          Arguments{"status", "--json"}, Arguments{"status", "--watch"},
                                          Arguments{"status", "--watch", "--json"}, Arguments{"acquire"},
-                                         Arguments{"release"}, Arguments{"slot", "next"}, Arguments{"remount"},
-                                         Arguments{"shutdown"}),
+                                         Arguments{"release"}, Arguments{"slot", "next"}, Arguments{"firewire", "on"},
+                                         Arguments{"firewire", "off"}, Arguments{"firewire", "status"}, Arguments{"remount"},
+                                         Arguments{"shutdown"}, Arguments{"delete", "--yes", "a.mov"},
+                                         Arguments{"delete", "--yes", "--all"}, Arguments{"format", "--yes"},
+                                         Arguments{"clips", "--watch"}, Arguments{"clips", "--watch", "--json"}),
                          joined);
 
 TEST_F(NobodyServes, alsoWhenAHostLeftItsSocketBehind) {
@@ -93,7 +102,10 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(Arguments{"--help"}, Arguments{"-h"}, Arguments{"get", "--help"}, Arguments{"set", "--help"},
                     Arguments{"watch", "--help"}, Arguments{"list", "--help"}, Arguments{"status", "--help"},
                     Arguments{"clips", "--help"}, Arguments{"playlists", "--help"}, Arguments{"acquire", "--help"},
+                    Arguments{"delete", "--help"}, Arguments{"format", "--help"},
                     Arguments{"release", "--help"}, Arguments{"slot", "--help"}, Arguments{"slot", "next", "--help"},
+                    Arguments{"firewire", "on", "--help"}, Arguments{"firewire", "off", "--help"},
+                    Arguments{"firewire", "status", "--help"},
                     Arguments{"remount", "--help"}, Arguments{"shutdown", "--help"}, Arguments{"card", "--help"},
                     Arguments{"card", "create", "--help"}, Arguments{"card", "read", "--help"},
                     Arguments{"card", "write", "--help"}, Arguments{"set", "kParamVolumeName", "--help"}),
@@ -103,7 +115,7 @@ TEST_F(Help, namesEveryCommandAndExitStatus) {
     const std::string text = mediactl({"--help"}).output;
     for (const char* word :
          {"get", "set", "watch", "list", "status", "clips", "playlists", "acquire", "release", "slot", "remount",
-          "shutdown", "card", "Exit status: 0 done, 1 refused or failed, 2 wrong usage, 3"})
+          "shutdown", "delete", "format", "card", "Exit status: 0 done, 1 refused or failed, 2 wrong usage, 3"})
         EXPECT_NE(text.find(word), std::string::npos) << word;
 }
 
