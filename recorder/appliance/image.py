@@ -20,7 +20,6 @@ GUEST = ROOT / "recorder" / "guest"
 # Where the daemon expects them; what is not here is a busybox applet. The values are this machine's files: the first
 # that exists.
 HOST_TOOLS = {
-    "/usr/bin/bash": ["/usr/bin/bash", "/bin/bash"],
     "/usr/bin/mount": ["/usr/bin/mount", "/bin/mount"],
     "/usr/bin/umount": ["/usr/bin/umount", "/bin/umount"],
     "/usr/bin/df": ["/usr/bin/df", "/bin/df"],
@@ -29,8 +28,11 @@ HOST_TOOLS = {
     "/usr/sbin/parted": ["/usr/sbin/parted", "/sbin/parted"],
     "/usr/sbin/sfdisk": ["/usr/sbin/sfdisk", "/sbin/sfdisk"],
     "/usr/sbin/blkid": ["/usr/sbin/blkid", "/sbin/blkid"],
+    "/usr/bin/pgrep": ["/usr/bin/pgrep"],
+    "/usr/bin/pkill": ["/usr/bin/pkill"],
 }
-PACKAGE_OF = {"parted": "parted", "sfdisk": "fdisk", "awk": "mawk", "blkid": "util-linux"}
+PACKAGE_OF = {"parted": "parted", "sfdisk": "fdisk", "awk": "mawk", "blkid": "util-linux",
+              "pgrep": "procps", "pkill": "procps"}
 
 LIBEXEC = "/usr/libexec/recorder"
 BOARD = "0000ec01"
@@ -51,7 +53,8 @@ FOLDERS = ["/proc", "/sys", "/dev", "/run", "/mnt", "/root", "/var/log", "/var/w
 def build(folder, programs):
     """Brings FOLDER/initrd up to date with the programs built in the folder `programs`; true when it had to be made.
 
-    With None for the programs it holds what makes media and no more: that needs nothing compiled.
+    With None for the programs it holds what makes media and no more: that needs nothing compiled. Nothing is mounted where
+    media are made, so the distribution's own HFS+ tools do.
     """
     packages.ensure()
     tree = Tree()
@@ -64,8 +67,7 @@ def build(folder, programs):
     for path, text in FILES.items():
         tree.text(path, text)
     if programs is None:
-        for name in ("fdisk.gpt", "fsck.hfsplus", "mkfs.hfsplus"):
-            tree.file(f"/usr/local/bin/{name}", ROOT / "recorder" / "system" / name)
+        tree.file("/usr/local/bin/fdisk.gpt", ROOT / "recorder" / "system" / "fdisk.gpt")
     else:
         _add_programs(tree, folder / "programs", programs)
     _add_tools(tree)
@@ -88,27 +90,37 @@ def _add_programs(tree, staging, programs):
         raise Failure(f"there are no programs in {programs}; build them first: cmake --preset native -DMEDIAD_TESTS=OFF && "
                       "cmake --build --preset native")
     shutil.rmtree(staging, ignore_errors=True)
-    try:
-        result = subprocess.run(["cmake", "--install", programs, "--prefix", "/usr/local", "--strip"], text=True,
-                                env={**os.environ, "DESTDIR": str(staging)}, capture_output=True, timeout=120)
-    except subprocess.TimeoutExpired:
-        raise Failure("cmake --install did not end within 120 s") from None
-    if result.returncode != 0:
-        reason = (result.stderr.strip() or result.stdout.strip()).splitlines()
-        raise Failure(f"the programs in {programs} cannot be installed; are they built? " + " ".join(reason[:3]))
+    _install(programs, staging, "--prefix", "/usr/local")
+    # What plays the hardware around a recorder goes onto no real machine.
+    _install(programs, staging, "--prefix", "/usr", "--component", "virtual_recorder")
     for path in sorted(staging.rglob("*")):
         name = "/" + str(path.relative_to(staging))
         if path.is_symlink():
             tree.link(name, os.readlink(path))
         elif path.is_file() and not name.startswith(("/usr/local/include/", "/usr/local/share/man/", "/usr/local/share/doc/")):
             tree.file(name, path)
-    for name in ("paramd", "mediad", "mediactl", "uevent-relay", "volname.hfsplus"):
+    for name in ("paramd", "mediad", "mediactl", "uevent-relay", "volname.hfsplus", "hold-device"):
         if not (staging / "usr/local/bin" / name).exists():
             raise Failure(f"the programs in {programs} have no {name}")
+    for name in ("usr/local/lib/mediad/clip-probe", "usr/bin/endpoint"):
+        if not (staging / name).exists():
+            raise Failure(f"the programs in {programs} have no {name.rpartition('/')[2]}")
     if not (staging / f"usr/local/share/specs/{BOARD}.specification").exists():
         raise Failure(f"the board {BOARD} has no specification file among the programs in {programs}")
-    for path in [*(staging / "usr/local/bin").iterdir(), *(staging / "usr/local/lib").glob("*.so*")]:
+    for path in [*staging.glob("usr/**/bin/*"), *(staging / "usr/local/lib").glob("*.so*"),
+                 staging / "usr/local/lib/mediad/clip-probe"]:
         tree.libraries(path, staging)
+
+
+def _install(programs, staging, *options):
+    try:
+        result = subprocess.run(["cmake", "--install", programs, "--strip", *options], text=True,
+                                env={**os.environ, "DESTDIR": str(staging)}, capture_output=True, timeout=120)
+    except subprocess.TimeoutExpired:
+        raise Failure("cmake --install did not end within 120 s") from None
+    if result.returncode != 0:
+        reason = (result.stderr.strip() or result.stdout.strip()).splitlines()
+        raise Failure(f"the programs in {programs} cannot be installed; are they built? " + " ".join(reason[:3]))
 
 
 def _add_tools(tree):
@@ -122,6 +134,7 @@ def _add_tools(tree):
     for name in ("fsck.hfsplus", "mkfs.hfsplus", "qemu-ga"):
         tree.file(f"/usr/sbin/{name}", packages.PARTS / name)
         tree.libraries(packages.PARTS / name)
+    tree.file("/usr/bin/bash", packages.PARTS / "bash-static")
     busybox = packages.PARTS / "busybox"
     tree.file("/usr/bin/busybox", busybox)
     for applet in subprocess.run([busybox, "--list-full"], capture_output=True, text=True, check=True).stdout.split():
@@ -147,6 +160,8 @@ def _add_guest(tree):
             tree.file("/etc/inittab", path)
         elif path.name == "init":
             tree.file("/init", path)
+        elif path.name == "fwreset.sh":
+            tree.file("/usr/local/bin/fwreset.sh", path)
         else:
             tree.file(f"{LIBEXEC}/{path.name}", path)
 

@@ -4,6 +4,7 @@ Its folder holds the image, the sockets and what is in its slots: build/recorder
 RECORDER_STATE or the option --state says. Recorders with different folders do not know of each other.
 """
 
+import contextlib
 import json
 import os
 import pathlib
@@ -24,6 +25,7 @@ class Recorder:
     def __init__(self, folder=None, programs=None):
         self.folder = pathlib.Path(folder or os.environ.get("RECORDER_STATE") or SHARED / "default").absolute()
         self.programs = pathlib.Path(programs or os.environ.get("RECORDER_PROGRAMS") or ROOT / "build" / "native").absolute()
+        self._agent = None  # while somebody speaks with it
 
     # --- power
 
@@ -219,12 +221,39 @@ class Recorder:
 
     def sh(self, line, seconds=120):
         """Runs a shell line in the recorder: its exit status, standard output and standard error, as bytes."""
+        with self._speaking(seconds) as agent:
+            return agent.run(line, seconds)
+
+    def send(self, source, path, seconds=120):
+        """Copies a file into the recorder."""
+        with open(source, "rb") as file, self._speaking(seconds) as agent:
+            agent.send(file, path)
+
+    @contextlib.contextmanager
+    def conversation(self):
+        """Whoever has much to say keeps the agent for himself meanwhile: meeting it takes longer than a short line."""
+        with self._speaking(SLOT_SECONDS):
+            yield
+
+    @contextlib.contextmanager
+    def _speaking(self, seconds):
         if not self.is_on():
             raise Failure("the recorder is off")
+        if self._agent is not None:
+            try:
+                yield self._agent
+            except Failure:
+                # What is still under way would be taken for the next answer.
+                self._agent.meet()
+                raise
+            return
         # The agent speaks with one at a time.
-        with Lock(self.folder / "agent.lock", seconds, "the recorder's agent"):
-            with qemu.Agent(self.folder) as agent:
-                return agent.run(line, seconds)
+        with Lock(self.folder / "agent.lock", seconds, "the recorder's agent"), qemu.Agent(self.folder) as agent:
+            self._agent = agent
+            try:
+                yield agent
+            finally:
+                self._agent = None
 
     def _in_guest(self, line):
         status, out, error = self.sh(line, SLOT_SECONDS)

@@ -78,7 +78,7 @@ def _fill(path, label, clips, kind):
     finally:
         shutil.rmtree(work)
     if kind in ("dirty", "damaged"):
-        _spoil(path, kind)
+        spoil(path, kind)
 
 
 # The data partition begins after the first partition; see recorder/system/fdisk.gpt.
@@ -89,8 +89,8 @@ ATTRIBUTES, BLOCK_SIZE, FREE_BLOCKS, CATALOG_EXTENTS = 4, 40, 48, 272 + 16
 CLEANLY_UNMOUNTED = 1 << 8
 
 
-def _spoil(path, kind):
-    """What a power cut leaves behind, or worse."""
+def spoil(path, kind):
+    """What a power cut leaves behind ("dirty"), or worse ("damaged")."""
     with open(path, "r+b") as file:
         def number(offset, new=None):
             file.seek(HEADER + offset)

@@ -42,6 +42,45 @@ class Media(World):
         check, mount = f"fsck.hfsplus -q {node}", f"mount -onoatime {node} /mnt/S1"
         self.assertEqual(calls, [check, mount, "umount -l /mnt/S1", check, mount, "umount /mnt/S1", check, mount])
 
+    def test_mounted_medium_is_guarded(self):
+        self.insert(0, "sdb")
+        self.in_use()
+        mounts = [line.split() for line in read("/proc/self/mounts").splitlines()]
+        flags = [options.split(",") for _, point, _, options, *_ in mounts if point == "/mnt/S1"]
+        self.assertEqual(len(flags), 1)
+        for flag in ("nosymfollow", "nodev", "nosuid", "noexec"):
+            self.assertIn(flag, flags[0])
+        self.assertEqual(self.daemon.lines(), [NAME + "starting MediaManager"])
+
+    def test_maker_directory_that_is_a_link_is_left_alone(self):
+        os.makedirs("/run/world/elsewhere", exist_ok=True)
+        os.makedirs("/mnt/S1", exist_ok=True)
+        subprocess.run(["rm", "-rf", "/mnt/S1/NEVO"], check=True)
+        os.symlink("/run/world/elsewhere", "/mnt/S1/NEVO")
+        self.addCleanup(os.unlink, "/mnt/S1/NEVO")
+        self.insert(0, "sdb")
+        eventually(lambda: get("kParamSlotChangeCommand") == "11", "answer 11")
+        self.assertTrue(alarm("damaged"))
+        self.assertEqual(get("kParamInvalidMediaAlert"), "1")
+        self.assertEqual(get("kParamSelectedSlot"), "1")
+        mediactl("delete", "--yes", "--timeout", "1", "a.mov", check=False)
+        self.assertEqual(os.listdir("/run/world/elsewhere"), [])
+        self.assertEqual(get("kParamStoragePath"), "")
+        self.assertIn(NAME + "refused a symbolic link on the medium: /mnt/S1/NEVO", self.daemon.lines())
+
+    def test_full_shared_memory_is_one_line_and_no_crash(self):
+        self.daemon.stop()
+        subprocess.run(["real-mount", "-t", "tmpfs", "-o", "size=1m,mode=1777", "shm", "/dev/shm"], check=True)
+        self.addCleanup(subprocess.run, ["real-umount", "-l", "/dev/shm"], check=True)
+        mediactl("card", "create")
+        self.daemon = self.start().running()
+        self.insert(0, "sdb")
+        self.in_use()
+        self.assertIn(NAME + "activateSlot: the shared clip cache cannot be used: No space left on device", self.daemon.lines())
+        # Whoever looks does not crash either.
+        answer = mediactl("clips", check=False)
+        self.assertEqual((answer.returncode, answer.stderr), (0, "mediactl: no medium cache yet\n"))
+
     def test_dirty_medium_is_repaired(self):
         self.insert(0, "sdb", "dirty")
         self.in_use()

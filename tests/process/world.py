@@ -12,7 +12,7 @@ import time
 import unittest
 
 NETLINK_KOBJECT_UEVENT = 15
-RELAY_GROUP = 2
+RELAY_GROUP = 4  # a mask, as uevent-relay's
 BUILD = os.environ["MEDIAD_BUILD"]
 TOOL = os.path.join(os.path.dirname(os.path.abspath(__file__)), "tool")
 DEADLINE = float(os.environ.get("MEDIAD_TEST_DEADLINE", "30"))  # seconds; sanitizers are slow
@@ -128,6 +128,9 @@ class World(unittest.TestCase):
     def setUp(self):
         for directory in ("/run/mediad", "/run/world", "/sys/block"):
             subprocess.run(["rm", "-rf", directory], check=True)
+        for slot in ("S1", "S2"):
+            while subprocess.run(["real-umount", "-l", "/mnt/" + slot], stderr=subprocess.DEVNULL).returncode == 0:
+                pass
         for leftover in os.listdir("/dev/shm"):
             os.unlink("/dev/shm/" + leftover)
         for directory in ("/run/world/disk", "/run/world/label", "/var/www", "/usr/local/share/specs"):

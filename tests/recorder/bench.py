@@ -1,5 +1,6 @@
 """What the scenarios are written with: the recorder's commands, its state in one look, and waiting for a state."""
 
+import contextlib
 import json
 import os
 import pathlib
@@ -8,6 +9,7 @@ import shutil
 import struct
 import subprocess
 import sys
+import tempfile
 import time
 import unittest
 
@@ -20,15 +22,26 @@ STATE, MEDIA, COPIES = FOLDER / "state", FOLDER / "media", FOLDER / "copies"
 SECONDS = 120
 
 COMMAND = [ROOT / "recorder" / "virtual-recorder", "--state", STATE, "--programs", PROGRAMS]
+RECORD = [ROOT / "recorder" / "record", "--state", STATE, "--programs", PROGRAMS]
+HOST = [ROOT / "recorder" / "host", "--state", STATE, "--programs", PROGRAMS]
 
 PARAMETERS = {
     "status": "kParamMediaDaemonStatus", "selected": "kParamSelectedSlot", "change": "kParamSlotChangeCommand",
     "alarms": "kParamAlarms", "extended": "kParamExtendedAlarms", "invalid": "kParamInvalidMediaAlert",
     "loading": "kParamMediaLoadingStatus", "volume": "kParamVolumeName", "path": "kParamStoragePath",
     "capacity": "kParamCapacityRemaining", "command": "kParamMediaCommand", "system": "kParamSystemCommand",
-    "changed": "kParamMediaChangedTime", "panel1": "0x7b05010a", "panel2": "0x7b05020a",
+    "changed": "kParamMediaChangedTime", "progress": "kParamProgressStatus", "transport": "kParamTransportState",
+    "clip": "kParamClipName", "panel1": "0x7b05010a", "panel2": "0x7b05020a",
 }
-TEXTS = {"volume", "path"}
+TEXTS = {"volume", "path", "clip"}
+
+# A pass of the daemon's loop begins with its pause. The kernel's own trace shows the pauses, the relay's announcement of the
+# disk and the mounts in one order, whatever the speed of the machine.
+TRACE_ON = ("cd /sys/kernel/tracing && { [ -e trace ] || mount -t tracefs tracefs .; } && cd /sys/kernel/tracing && "
+            "echo 0 > tracing_on && echo > trace && for call in clock_nanosleep mount sendto; do "
+            "echo 1 > events/syscalls/sys_enter_$call/enable || exit 1; done && echo 1 > tracing_on")
+TRACE_OFF = ("cd /sys/kernel/tracing && echo 0 > tracing_on && echo 0 > events/enable && "
+             "grep -E '(mediad|mount|uevent-relay)-[0-9]' trace")
 
 # Alarm bits.
 LOW, CRITICAL, REMOVED, UNFORMATTED, DAMAGED = 0x2000, 0x4000, 0x10000, 0x800000, 0x1000000
@@ -40,10 +53,27 @@ IDLE = {"status": 3, "selected": 0, "change": 0, "alarms": 0, "extended": 0, "in
 # The header of a medium's volume, as recorder/system/fdisk.gpt places it, and the bit of an orderly unmount.
 HEADER, CLEAN_BIT = (2048 + 40960) * 512 + 1024, 1 << 8
 
+# The tool that the recorder has, run on this machine.
+FSCK = ROOT / "build" / "recorder" / "parts" / "fsck.hfsplus"
+
 
 def command(*words):
     """A virtual-recorder command: exit status, output, error output."""
-    result = subprocess.run([*COMMAND, *words], stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=300)
+    return _run([*COMMAND, *words])
+
+
+def record(*words):
+    """A recording: exit status, output, error output."""
+    return _run([*RECORD, *words])
+
+
+def host(*words):
+    """What the computer at the FireWire cable does: exit status, output, error output."""
+    return _run([*HOST, *words])
+
+
+def _run(words):
+    result = subprocess.run(words, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=300)
     return result.returncode, result.stdout, result.stderr
 
 
@@ -59,6 +89,14 @@ def sh(line):
     return recorder("sh", line)
 
 
+def passes_until_in_use(trace):
+    """How many passes the daemon needed from the announcement of a disk to the last mount of it, from what TRACE_OFF gave."""
+    trace = trace.splitlines()
+    announced = next(i for i, line in enumerate(trace) if "uevent-relay-" in line and "sys_sendto(" in line)
+    in_use = max(i for i, line in enumerate(trace) if "sys_mount(" in line)
+    return sum(bool(re.search(r"\bmediad-.*sys_clock_nanosleep\(", line)) for line in trace[announced:in_use])
+
+
 def volume_header(image):
     """Of a medium's volume, read from outside: was it unmounted in order, and how many blocks are free."""
     with open(image, "rb") as file:
@@ -67,9 +105,30 @@ def volume_header(image):
     return bool(struct.unpack(">I", header[4:8])[0] & CLEAN_BIT), struct.unpack(">I", header[48:52])[0]
 
 
-def observe():
-    """Everything that scenarios look at, read in one go."""
-    output = sh("mediactl get " + " ".join(PARAMETERS.values()) + "; echo @; mediactl card read 61; mediactl card read 62; "
+@contextlib.contextmanager
+def volume_of(image):
+    """The name of a file that holds a copy of a medium's volume."""
+    with open(image, "rb") as source, tempfile.NamedTemporaryFile(dir=pathlib.Path(image).parent) as volume:
+        # The second entry of the partition table, for the volume ends before the disk does.
+        source.seek(2 * 512 + 128 + 32)
+        first, last = struct.unpack("<QQ", source.read(16))
+        source.seek(first * 512)
+        volume.write(source.read((last - first + 1) * 512))
+        volume.flush()
+        yield volume.name
+
+
+def check_volume(image):
+    """The whole check of a medium's volume, made outside of the recorder: nothing is repaired."""
+    with volume_of(image) as volume:
+        result = subprocess.run([FSCK, "-n", "-f", volume], capture_output=True, text=True, timeout=300)
+    if result.returncode != 0 or not volume_header(image)[0]:
+        raise AssertionError(f"the volume is not clean: status {result.returncode}: {result.stdout}{result.stderr}")
+
+
+def observe(run=sh):
+    """Everything that scenarios look at, read in one go. "run" gives the output of a line in the recorder."""
+    output = run("mediactl get " + " ".join(PARAMETERS.values()) + "; echo @; mediactl card read 61; mediactl card read 62; "
                 "echo @; /bin/mount; echo @; readlink /var/www/media; echo @; ls /sys/block")
     parameters, registers, mounts, link, disks = (part.splitlines() for part in output.split("@\n"))
     state = {key: value if key in TEXTS else int(value) for key, value in zip(PARAMETERS, parameters, strict=True)}
@@ -168,6 +227,15 @@ class Scenario(unittest.TestCase):
         return self.wait(**{**IDLE, "selected": int(number), "volume": volume, "path": f"/mnt/{slot}/NEVO", "loading": 0,
                             "link": f"/mnt/{slot}/NEVO", "mounts": {f"/mnt/{slot}": "rw"}, f"led{number}": 1,
                             f"panel{number}": 1, **more})
+
+    def out_and_in_again(self, image, slot, volume, **more):
+        """Lets go of the medium, has its volume checked from outside and takes it into use again: what its files hold then
+        comes from the disk."""
+        sh("mediactl slot next")
+        self.wait(**{**IDLE, **more}, disks=[])
+        check_volume(image)
+        sh("mediactl slot next")
+        self.in_use(slot, volume, **more)
 
     def assert_ended_and_came_back(self, *messages):
         """The daemon left in order, with status 0, and runs again."""
