@@ -7,8 +7,13 @@ set(CMAKE_C_STANDARD 17)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
-option(MEDIAD_TESTS "Build the unit, behaviour and process tests" ON)
-set(MEDIAD_SANITIZE "" CACHE STRING "Sanitizers, as -fsanitize= takes them: address,undefined or thread")
+option(MEDIAD_TESTS "Build the tests (MEDIAD_SUITES says which)" ON)
+option(MEDIAD_FUZZERS "Build the fuzzers, and none of the tests (preset fuzz)" OFF)
+option(MEDIAD_BENCHMARKS "Build what ./bench measures with" OFF)
+set(MEDIAD_SANITIZE "" CACHE STRING
+    "Sanitizers, as -fsanitize= takes them: address,undefined or thread, or fuzzer-no-link,address,undefined")
+option(MEDIAD_STATIC "Link everything into each program: for a board without shared libraries, and to know the size" OFF)
+option(MEDIAD_COVERAGE "Count which lines of the daemon run (tests/coverage/report)" OFF)
 set(MEDIAD_DEPENDENCIES "${CMAKE_SOURCE_DIR}/build/dependencies/${CMAKE_SYSTEM_PROCESSOR}" CACHE PATH
     "Where packaging/build-dependencies put the libraries that are built from source packages")
 # Both find_package and pkg_check_modules look there first.
@@ -30,6 +35,20 @@ if(MEDIAD_SANITIZE)
   if(MEDIAD_SANITIZE MATCHES "undefined")
     add_compile_options(-fno-sanitize-recover=undefined)
   endif()
+endif()
+
+if(MEDIAD_STATIC)
+  add_compile_options(-ffunction-sections -fdata-sections)
+  add_link_options(-static -Wl,--gc-sections)
+  set(CMAKE_FIND_LIBRARY_SUFFIXES .a)
+endif()
+
+# Counts how often each line of the daemon's own folders runs, their headers in tests too: which copy of an inline function a
+# program uses is the linker's choice.
+if(MEDIAD_COVERAGE)
+  add_compile_options(--coverage -fprofile-abs-path -fprofile-update=atomic
+    "-fprofile-filter-files=^(${CMAKE_SOURCE_DIR}/|([.][.]/)+)(daemon|media_manager|firewire|slots|media|classes|platform)/")
+  add_link_options(--coverage)
 endif()
 
 # Installed programs find the appliance's libraries beside them.
@@ -57,6 +76,12 @@ function(mediad_appliance_library name output)
     set_target_properties(${name} PROPERTIES IMPORTED_LOCATION "${${variable}}")
     target_include_directories(${name} INTERFACE "${CMAKE_CURRENT_SOURCE_DIR}/include")
     target_link_libraries(${name} INTERFACE mediad_options)
+    return()
+  endif()
+  # Fuzzers have it inside as well: clang's sanitizers are in programs only, and a fuzzer reaches what no library shows.
+  if(MEDIAD_STATIC OR MEDIAD_FUZZERS)
+    mediad_library(${name} ${ARGN})
+    target_include_directories(${name} PUBLIC "${CMAKE_CURRENT_SOURCE_DIR}/include")
     return()
   endif()
   add_library(${name} SHARED ${ARGN})
