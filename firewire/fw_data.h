@@ -80,6 +80,8 @@ public:
 
     // Whether the medium in `slot` is the endpoint's at the moment.
     bool offers(eStorageSlot_t slot) const { return _active && !_paused && slot == _fwdataSlot; }
+    // Whether access is paused until there is a medium in `slot` again.
+    bool awaits(eStorageSlot_t slot) const { return _active && _paused && slot == _fwdataSlot; }
     // The slot of the access that runs, or of the last one.
     eStorageSlot_t slot() const { return _fwdataSlot; }
 
@@ -104,12 +106,12 @@ private:
     eStorageSlot_t _fwdataSlot = eStorageSlotUnknown;
     bool _active = false;          // the slot has been taken from the recorder
     bool _paused = false;          // while active: the endpoint is stopped, because the medium went away
-    bool _resumeRefused = false;   // the recorder did not let go of the medium that came back; has been reported
-    bool _awaitingAbsence = false; // the slot was seen empty, since:
-    std::time_t _absenceStartTime = 0;
+    bool _awaitingAbsence = false; // the slot was seen empty
     EndpointState _endpointState = EndpointState::Idle;
     std::time_t _endpointStartTime = 0;
+    std::time_t _absenceStartTime = 0;   // when it was first seen empty
     std::atomic<bool> _avcPaused{false}; // written by any thread
+    bool _resumeRefused = false;         // the recorder did not let go of the medium that came back; has been reported
 };
 
 #endif

@@ -19,6 +19,11 @@ bool MediaManager::offeredOverFirewire(eStorageSlot_t slot) {
     return fwData != nullptr && fwData->offers(slot);
 }
 
+bool MediaManager::isAwaitedOverFirewire(eStorageSlot_t slot) {
+    const FwData* const fwData = _fwData;
+    return fwData != nullptr && fwData->awaits(slot);
+}
+
 bool MediaManager::serviceFirewireAccess() {
     FwData* const fwData = _fwData;
     if (fwData == nullptr || !_firewireActive) return false;

@@ -303,6 +303,8 @@ private:
     bool isAnnouncementOverdue(eStorageSlot_t slot, const SlotAnnouncement& announcement);
     // Whether the medium in `slot` is in the hands of the FireWire endpoint.
     bool offeredOverFirewire(eStorageSlot_t slot);
+    // Whether it will be as soon as it is back.
+    bool isAwaitedOverFirewire(eStorageSlot_t slot);
     // After a controller that could not reset the bus has thrown: one line, and the slot back to the recorder.
     void abandonFirewireAccess();
     // A file was closed or moved in, a file was deleted; whether the media changed by that.

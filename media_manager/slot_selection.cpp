@@ -155,6 +155,7 @@ void MediaManager::activateSlot(eStorageSlot_t slot) {
             _config->setInteger(kParamRecordSetting1301, 0);
             _config->setInteger(kParamRecordSetting1303, 0);
             finder.ensureNextRecordedTakeIsGreaterThanAnyOnMedia(clips);
+            if (shuttingDown()) return;
             _config->setInteger(kParamRecordSetting1301, 1);
             _config->setInteger(kParamRecordSetting1303, 1);
             finder.ensureNextRecordedTakeIsGreaterThanAnyOnMedia(clips);
@@ -300,6 +301,9 @@ bool MediaManager::findStorage(bool) {
         if (!announcement.newlyInserted) continue;
         if (_selectedSlot == eStorageSlotUnknown) {
             attemptSlotChange(slot);
+        } else if (_selectedSlot != slot && isAwaitedOverFirewire(slot)) {
+            // It goes back to the endpoint, which the one in use is let go of for.
+            continue;
         } else if (_selectedSlot != slot) {
             // A second medium is not kept on the bus while one is in use.
             deleteDeviceFromBus(record);

@@ -137,6 +137,13 @@ inline std::size_t openDescriptors() {
     return static_cast<std::size_t>(std::distance(begin(all), end(all)));
 }
 
+// Whether a thread of this process sleeps in the kernel, as one does that waits for a lock, and no signal is on its way to it.
+inline bool isBlocked(pid_t thread) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/status");
+    const std::string status{std::istreambuf_iterator<char>(file), {}};
+    return status.find("\nState:\tS") != std::string::npos && status.find("\nSigPnd:\t0000000000000000\n") != std::string::npos;
+}
+
 // A world without segments, and a folder to put clips into.
 class SegmentTest : public testing::Test {
 protected:

@@ -2,9 +2,10 @@
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <thread>
@@ -159,27 +160,52 @@ TEST_F(SegmentMutexTest, AHolderWhoComesInTimeIsWaitedFor) {
     Stranger holder;
     holder.lock();
     SegmentMutex mutex(kName);
+    std::atomic<pid_t> task{0};
     std::atomic<bool> had{false};
     std::thread waiter([&] {
+        task = gettid();
         mutex.lock();
         had = true;
         mutex.unlock();
     });
+    const auto waits = [&] { return had || isBlocked(task); };
     // A signal in between must not end the wait.
     struct sigaction quiet {};
     struct sigaction before {};
     quiet.sa_handler = [](int) {};
     sigaction(SIGUSR1, &quiet, &before);
     for (int i = 0; i < 20; ++i) {
+        EXPECT_TRUE(fakes::eventually(waits));
         pthread_kill(waiter.native_handle(), SIGUSR1);
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        EXPECT_FALSE(had);
     }
+    EXPECT_TRUE(fakes::eventually(waits));
+    EXPECT_FALSE(had);
     EXPECT_EQ(holder.count(), 0);
     holder.post();
     waiter.join();
     sigaction(SIGUSR1, &before, nullptr);
     EXPECT_EQ(holder.count(), 1);
+}
+
+TEST_F(SegmentMutexTest, AWriterWaitsForTheHolder) {
+    nevo::media::segmentMutexPatience = 60'000;
+    RawSegment segment(kClipSegment);
+    segment.fillClips(2);
+    Stranger holder;
+    holder.lock();
+    std::atomic<pid_t> task{0};
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        task = gettid();
+        ClipFinder(&_config).removeClip("/m/old_0001.mov");
+        done = true;
+    });
+    EXPECT_TRUE(fakes::eventually([&] { return done || isBlocked(task); }));
+    EXPECT_FALSE(done);
+    EXPECT_EQ(segment.word(15), 2);
+    holder.post();
+    writer.join();
+    EXPECT_EQ(segment.word(15), 1);
 }
 
 TEST_F(SegmentMutexTest, OfManyWhoLockOneIsInsideAtATime) {

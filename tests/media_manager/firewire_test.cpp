@@ -484,6 +484,33 @@ TEST_F(FirewireTest, pausedAccessWaitsForAMediumThatTheRecorderHasTaken) {
     EXPECT_EQ(config.integer(kParamSelectedSlot), 0);
 }
 
+// Another medium came while access was paused, and the recorder took that one.
+TEST_F(FirewireTest, pausedAccessResumesBesideAnotherMediumInUse) {
+    startOffered();
+    pinGoesOut(S1);
+    kernelRemoves(S1, "sdb");
+    os.files.insert(kUnavailable);
+    manager->pass();
+    insert(S2, "sdc");
+    manager->pass();
+    ASSERT_EQ(config.integer(kParamSelectedSlot), 2);
+    manager->acquireStorage();
+    insert(S1, "sdb");
+    manager->pass();
+    expectError(kNotReleased);
+    EXPECT_EQ(config.integer(kParamSelectedSlot), 2);
+    EXPECT_EQ(world.journal.count("run /usr/bin/endpoint &"), 0U);
+    manager->releaseStorage();
+    effects();
+    manager->pass();
+    EXPECT_EQ(world.journal.count("run /usr/bin/endpoint &"), 1U);
+    EXPECT_EQ(world.journal.count("run cp /etc/endpoint.conf.sdb /etc/endpoint.conf"), 1U);
+    EXPECT_EQ(config.integer(kParamSelectedSlot), 0);
+    EXPECT_EQ(world.journal.count("system echo 1 > /sys/block/sdb/device/delete"), 0U);
+    effects();
+    pass(kLooks);
+}
+
 TEST_F(FirewireTest, mediumThatIsPulledWhileAccessIsPausedEndsTheLoop) {
     startOffered();
     os.files.insert(kUnavailable);

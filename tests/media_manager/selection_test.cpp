@@ -530,6 +530,8 @@ TEST_F(SelectionTest, shutdownDuringTheNumberingRestoresTheSettingsAndUnmountsNo
         effects();
         manager->activateSlot(eStorageSlotS1);
         const Lines lines = effects();
+        EXPECT_EQ(call, round);
+        EXPECT_EQ(std::count(lines.begin(), lines.end(), sets(kParamRecordSetting1301, 1)), round - 1);
         EXPECT_EQ(std::count(lines.begin(), lines.end(), "run /bin/umount  /mnt/S1"), 0) << round;
         EXPECT_EQ(std::count(lines.begin(), lines.end(), sets(kParamMediaChangedTime, now())), 0) << round;
         EXPECT_TRUE(media.isMounted("/mnt/S1"));

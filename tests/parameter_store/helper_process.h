@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
@@ -85,6 +86,17 @@ public:
     }
     void goOn() const { signal(SIGCONT); }
     pid_t process() const { return _process; }
+
+    // Whether all of its threads sleep in the kernel, waiting for something.
+    bool isAsleep() const {
+        const std::string tasks = "/proc/" + std::to_string(_process) + "/task";
+        for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+            std::ifstream status(task.path() / "status");
+            const std::string all{std::istreambuf_iterator<char>(status), {}};
+            if (all.find("\nState:\tS") == std::string::npos) return false;
+        }
+        return true;
+    }
 
     // The exit status, 128 + the signal, or -1 when it does not end.
     int end() {
