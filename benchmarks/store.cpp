@@ -122,7 +122,7 @@ private:
             if (header.type == type) return;
         }
     }
-    Descriptor _socket;
+    local_socket::Descriptor _socket;
     std::vector<std::uint8_t> _buffer;
     int _value = 0;
 };

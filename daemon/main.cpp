@@ -84,7 +84,11 @@ int main(int argumentCount, char** arguments) {
         factory.release(config);
         return leaveMain(kStartFailed);
     }
-    listener.listen();
+    if (listener.listen() != 0) { // without it no medium would ever be seen
+        factory.release(eventChannel);
+        factory.release(config);
+        return leaveMain(kStartFailed);
+    }
 
     // Never deleted: other threads may hold on to it until the process is gone.
     pManager = new MediaManager(&listener, card, config, eventChannel, fileUtils);

@@ -96,7 +96,7 @@ void FwData::startEndpointApp(bool restart) {
     wait(kBeforeEndpoint);
     _shell->executeCommand(kStartEndpoint);
     _endpointState = EndpointState::Started;
-    _endpointStartTime = _os.time();
+    _endpointStartTime = _os.steadyTime();
 }
 
 void FwData::stopEndpointApp() {
@@ -213,11 +213,11 @@ void FwData::watchMedium(unsigned int& result) {
         if (_manager->slotPresent(_fwdataSlot) && !_manager->getDevice(_fwdataSlot).empty())
             _awaitingAbsence = false;
         else
-            gone = _os.time() - _absenceStartTime > kAbsenceAllowed;
+            gone = _os.steadyTime() - _absenceStartTime > kAbsenceAllowed;
     } else if (!gone && !_manager->slotPresent(_fwdataSlot)) {
         result = _manager->findStorage(false) ? 1 : 0;
         if (_manager->getDevice(_fwdataSlot).empty()) {
-            _absenceStartTime = _os.time();
+            _absenceStartTime = _os.steadyTime();
             _awaitingAbsence = true;
         }
     }
@@ -244,7 +244,7 @@ bool FwData::watchHost() {
     // While nobody takes the disk, a fresh endpoint announces it again and again. It looks odd that this goes on while
     // access is paused, with an endpoint that has no disk; what keeps that one from a medium that the recorder may be
     // looking at is that it opens its disk exclusively.
-    if (_os.time() - _endpointStartTime < kRestartPeriod) return false;
+    if (_os.steadyTime() - _endpointStartTime < kRestartPeriod) return false;
     _manager->setLED(_fwdataSlot, eStorageLEDOn);
     stopEndpointApp();
     wait(kBeforeRestart);

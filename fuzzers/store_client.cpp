@@ -31,7 +31,7 @@ public:
 
     void serve(const std::vector<wire::Packet>& packets) {
         if (!fuzzers::hasSomething(_listening.number())) return;
-        const Descriptor connection(::accept(_listening.number(), nullptr, nullptr));
+        const local_socket::Descriptor connection(::accept(_listening.number(), nullptr, nullptr));
         for (const wire::Packet& packet : packets) {
             local_socket::Io result;
             while ((result = local_socket::send(connection.number(), packet)) == local_socket::Io::Again)
@@ -48,7 +48,7 @@ public:
     }
 
 private:
-    Descriptor _listening;
+    local_socket::Descriptor _listening;
     std::vector<std::uint8_t> _buffer = std::vector<std::uint8_t>(local_socket::kBufferSize);
 };
 

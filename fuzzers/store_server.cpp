@@ -83,7 +83,7 @@ public:
 private:
     static constexpr std::uint32_t kLast = 0x1a57;
     static inline std::vector<std::uint8_t> _buffer = std::vector<std::uint8_t>(local_socket::kBufferSize);
-    Descriptor _socket;
+    local_socket::Descriptor _socket;
 };
 
 void checkTable(const StoreEngine& engine) {

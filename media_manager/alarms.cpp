@@ -143,7 +143,7 @@ int MediaManager::remainingPercentageOfCapacity(eStorageSlot_t slot) {
 }
 
 void MediaManager::updateCurrentSlotCapacityRemaining(bool force) {
-    const std::time_t now = _os.time();
+    const std::time_t now = _os.steadyTime();
     if (!force && now <= _lastCapacityTime + kCapacityPeriod) return;
     _lastCapacityTime = now;
 

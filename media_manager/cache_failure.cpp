@@ -4,6 +4,6 @@
 
 #include "classes/diagnostics/diagnostics.h"
 
-void reportCacheFailure(const char* operation, const boost::interprocess::interprocess_exception& failure) {
+void reportCacheFailure(const char* operation, const std::exception& failure) {
     report(std::string(operation) + ": the shared clip cache cannot be used: " + failure.what());
 }

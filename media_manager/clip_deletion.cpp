@@ -11,7 +11,6 @@
 #include "media_manager/media_manager.h"
 #include "parameters.h"
 
-using boost::interprocess::interprocess_exception;
 using nevo::media::kCachePrefix;
 using nevo::media::MediaCache;
 
@@ -87,7 +86,7 @@ int MediaManager::deleteClips(std::set<std::string>& clips) {
         } else {
             for (const std::string& name : clips) finder.removeClip(directory + name);
         }
-    } catch (const interprocess_exception& failure) {
+    } catch (const std::exception& failure) {
         // The files go all the same: they were asked to, and the index is healed from the directory.
         reportCacheFailure("deleteClips", failure);
     }

@@ -66,6 +66,7 @@ int MediaManager::init() {
     _eventChannel->addListener(this);
 
     _transportState = _config->getInteger(kParamTransportState);
+    // Not needed, and read all the same: a start asks the store's host for these, in this order.
     _config->getInteger(kParamSystemState);
     _config->getInteger(kParamSystemCommand);
     _config->getInteger(kParamMediaCommand);
@@ -73,7 +74,8 @@ int MediaManager::init() {
 
     _selectedSlot = eStorageSlotUnknown;
     _loopDone = false;
-    // Whatever the state just read: the next change event tells, and until then a medium can be taken into use.
+    // Whatever the state just read, and whatever an event has said since: the next one tells, and until then a medium can be
+    // taken into use.
     _transportActive = false;
     setSelectedSlot(eStorageSlotUnknown);
 

@@ -136,11 +136,11 @@ public:
     void clearEraseCommand();
     bool isMediaLoading();
     void setMediaLoading(bool loading) override;
-    void requestStartFirewireAccess();
-    void requestStopFirewireAccess();
     bool firewireStartRequested();
     bool firewireStopRequested();
-    // The store's thread calls the next two.
+    // The store's thread calls the next four.
+    void requestStartFirewireAccess();
+    void requestStopFirewireAccess();
     void acquireStorage();
     void releaseStorage();
     bool storageInUse();
@@ -295,7 +295,7 @@ private:
     int runCapturing(const std::string& line, std::string& output);
     // The medium in `slot` was exchanged while it was in use: let go of the old one, take the new one.
     unsigned int remount(eStorageSlot_t slot);
-    void markSettingsChanged();
+    void markSettingsChanged(); // any thread
     // Whether the kernel has announced a disk of that name in another slot.
     bool isDeviceOfAnotherSlot(eStorageSlot_t slot, const std::string& devname);
     // Whether the pin of a slot whose device was taken off the bus has come back, and nothing was announced for so long that

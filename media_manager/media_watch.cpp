@@ -17,7 +17,6 @@
 #include "printable.h"
 #include "shared_segment.h"
 
-using boost::interprocess::interprocess_exception;
 using nevo::media::kCachePrefix;
 using nevo::media::MediaCache;
 
@@ -28,17 +27,12 @@ constexpr std::uint32_t kWatchedEvents =
     IN_CLOSE_WRITE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF;
 static_assert(kWatchedEvents == 0xec8);
 
-// One read takes every pending event.
+// One read takes every pending event, unless 16,384 of the longest names are pending: the rest waits for the next pass.
 constexpr std::size_t kEventBufferSize = 0x404000;
 
 constexpr char kDirectoryItself[] = "PATH"; // the name of an event that carries none
 
 constexpr int kPlaylistMode = 2;
-
-// A substring of the full path, not a suffix: what a clip is called while it is uploaded has more behind it.
-bool isClip(const std::string& path) {
-    return path.find(".mov") != std::string::npos || path.find(".MOV") != std::string::npos;
-}
 
 bool isPlaylist(const std::string& path) { return path.find(".playlist") != std::string::npos; }
 
@@ -133,14 +127,18 @@ void MediaManager::checkMediaEvents() {
                 changed = fileDeleted(*cache, finder, path) || changed;
             }
         }
-    } catch (const interprocess_exception& failure) {
+    } catch (const std::exception& failure) {
         reportCacheFailure("checkMediaEvents", failure);
     }
-    if (changed) _config->setInteger(kParamMediaChangedTime, static_cast<int>(_os.time()));
+    if (!changed) return;
+    const int stamp = static_cast<int>(_os.time());
+    // The second change within a second has no stamp of its own that would be seen.
+    if (stamp == _lastMediaTimeSeen) _cacheRefreshRequested = true;
+    _config->setInteger(kParamMediaChangedTime, stamp);
 }
 
 bool MediaManager::fileArrived(MediaCache& cache, const std::string& path) {
-    if (isClip(path)) {
+    if (MediaCache::isClipPath(path)) {
         if (!cache.hasRoomFor(path)) {
             report("the clip cache is full; left out: " + printable(path));
             return true;
@@ -162,7 +160,7 @@ bool MediaManager::fileArrived(MediaCache& cache, const std::string& path) {
 }
 
 bool MediaManager::fileDeleted(MediaCache& cache, ClipFinder& finder, const std::string& path) {
-    if (isClip(path)) {
+    if (MediaCache::isClipPath(path)) {
         finder.removeClip(path);
         return true;
     }
@@ -192,7 +190,7 @@ void MediaManager::checkMediaUpdated() {
                 const std::list<Clip> clips = findSelectedClips(finder);
                 setClip(_selectedSlot, clips.empty() ? "Empty List" : nevo::media::fieldText(clips.front().name), 0);
             }
-        } catch (const interprocess_exception& failure) {
+        } catch (const std::exception& failure) {
             reportCacheFailure("checkMediaUpdated", failure);
         }
     }

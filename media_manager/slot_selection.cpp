@@ -11,7 +11,6 @@
 #include "media_manager/media_manager.h"
 #include "parameters.h"
 
-using boost::interprocess::interprocess_exception;
 using nevo::media::kCachePrefix;
 using nevo::media::MediaCache;
 
@@ -161,7 +160,7 @@ void MediaManager::activateSlot(eStorageSlot_t slot) {
             finder.ensureNextRecordedTakeIsGreaterThanAnyOnMedia(clips);
             if (shuttingDown()) return;
         }
-    } catch (const interprocess_exception& failure) {
+    } catch (const std::exception& failure) {
         reportCacheFailure("activateSlot", failure);
     }
     unmountSlot(slot, false, false);
@@ -178,7 +177,7 @@ int MediaManager::deselectSlot() {
     try {
         cache.emplace(kCachePrefix);
         ClipFinder(_config).flushAll();
-    } catch (const interprocess_exception& failure) {
+    } catch (const std::exception& failure) {
         reportCacheFailure("deselectSlot", failure);
     }
     _config->setString(kParamPlaylistName, "");
@@ -230,7 +229,7 @@ bool MediaManager::isAnnouncementOverdue(eStorageSlot_t slot, const SlotAnnounce
         off->second = 0; // nobody waits for it any more
         return false;
     }
-    if (_os.time() - off->second < kAnnouncementAllowed) return false;
+    if (_os.steadyTime() - off->second < kAnnouncementAllowed) return false;
     _takenOffTheBus.erase(off);
     return true;
 }
@@ -269,7 +268,7 @@ bool MediaManager::findStorage(bool) {
             if (_selectedSlot == eStorageSlotUnknown) {
                 setMediaLoading(true);
                 _awaitedMedia.insert(slot);
-                if (const auto off = _takenOffTheBus.find(slot); off != _takenOffTheBus.end()) off->second = _os.time();
+                if (const auto off = _takenOffTheBus.find(slot); off != _takenOffTheBus.end()) off->second = _os.steadyTime();
             }
             if (cfHack) probeBus(record);
         }

@@ -124,6 +124,8 @@ std::time_t DoorSystem::time() {
     return _world.time();
 }
 
+std::time_t DoorSystem::steadyTime() { return time(); }
+
 void DoorSystem::pause(long long nanoseconds) {
     if (!_world.scheduler.point()) return;
     _world.scheduler.sleep(nanoseconds);

@@ -72,6 +72,7 @@ public:
     explicit DoorSystem(World& world) : _world(world), _shell(world) {}
 
     std::time_t time() override;
+    std::time_t steadyTime() override;
     void sleep(ThreadSleep& sleeper, long nanoseconds) override;
     void sleepSeconds(unsigned int seconds) override;
     void sleepMicroseconds(unsigned int microseconds) override;

@@ -40,12 +40,7 @@ struct Target {
     std::string shown() const { return printable(file.empty() ? clip : file); }
 };
 
-// As mediad tells clips from other files.
-bool isClipFile(const std::string& name) {
-    return name.find(".mov") != std::string::npos || name.find(".MOV") != std::string::npos;
-}
-
-std::string clipOf(const std::string& file) { return isClipFile(file) ? ClipExaminer::clipName(file) : ""; }
+std::string clipOf(const std::string& file) { return ClipExaminer::isClipPath(file) ? ClipExaminer::clipName(file) : ""; }
 
 // The files of the maker directory that "*" stands for; empty when this process cannot look.
 std::vector<std::string> visibleFiles(const std::string& directory) {

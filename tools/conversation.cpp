@@ -54,7 +54,10 @@ Conversation::News Conversation::next(std::int32_t& value, bool& intermediatesLo
             intermediatesLost = false;
             return News::Value;
         case News::Resync:
-            value = _store->integer(_answer);
+            if (ParameterValue now; _store->read(_answer, now) == kConfigOk)
+                value = now.integer;
+            else
+                return News::Lost;
             intermediatesLost = true;
             return News::Value;
         default: return news;

@@ -43,6 +43,13 @@ OperatingSystem& OperatingSystem::host() {
 
 std::time_t OperatingSystem::time() { return ::time(nullptr); }
 
+std::time_t OperatingSystem::steadyTime() {
+    constexpr std::time_t kBeforeTheStart = 60;
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return kBeforeTheStart + now.tv_sec;
+}
+
 void OperatingSystem::sleep(ThreadSleep& sleeper, long nanoseconds) { sleeper.sleep(nanoseconds); }
 
 void OperatingSystem::sleepSeconds(unsigned int seconds) {
@@ -76,12 +83,15 @@ int OperatingSystem::createFile(const std::string& path, mode_t mode) {
 
 bool OperatingSystem::isRunning(const std::string& name) {
     DIR* const processes = ::opendir("/proc");
-    if (processes == nullptr) return false;
+    if (processes == nullptr) return true;
     bool found = false;
     while (const dirent* entry = found ? nullptr : ::readdir(processes)) {
         if (std::isdigit(static_cast<unsigned char>(entry->d_name[0])) == 0) continue;
         const int descriptor = ::open(("/proc/" + std::string(entry->d_name) + "/comm").c_str(), O_RDONLY | O_CLOEXEC);
-        if (descriptor == -1) continue; // it has ended meanwhile
+        if (descriptor == -1) {
+            found = errno != ENOENT && errno != ESRCH; // else it has ended meanwhile
+            continue;
+        }
         char program[32] = {};
         const ssize_t length = ::read(descriptor, program, sizeof program - 1);
         ::close(descriptor);

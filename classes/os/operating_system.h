@@ -31,8 +31,11 @@ public:
 
     virtual ~OperatingSystem() = default;
 
-    // Seconds since the epoch.
+    // Seconds since the epoch. The date of a recorder may be set at any moment: what has to last so long is measured with
+    // the next one.
     virtual std::time_t time();
+    // Seconds since some moment at least a minute before the recorder was switched on; nobody sets them.
+    virtual std::time_t steadyTime();
 
     // Suspends the calling thread. The first goes through the product library's sleeper.
     virtual void sleep(ThreadSleep& sleeper, long nanoseconds);
@@ -48,8 +51,8 @@ public:
     virtual bool exists(const std::string& path);
     // An empty file; one that is there already keeps its mode and loses its content. 0 or -1.
     virtual int createFile(const std::string& path, mode_t mode);
-    // Whether some process has `name` in the name of its program, where pgrep would find it. No process is started for
-    // the look.
+    // Whether some process has `name` in the name of its program, where pgrep would find it; true also when not every
+    // process could be looked at. No process is started for the look.
     virtual bool isRunning(const std::string& name);
     // Whether `path` itself is a symbolic link, wherever it leads.
     virtual bool isLink(const std::string& path);

@@ -13,6 +13,8 @@
 #include <ctime>
 #include <utility>
 
+namespace local_socket {
+
 Descriptor::~Descriptor() { close(); }
 
 Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
@@ -24,8 +26,6 @@ void Descriptor::close() {
     if (_number != -1) ::close(_number);
     _number = -1;
 }
-
-namespace local_socket {
 
 namespace {
 

@@ -10,6 +10,8 @@
 
 #include "platform/parameter_store/wire.h"
 
+namespace local_socket {
+
 // Owns one file descriptor.
 class Descriptor {
 public:
@@ -27,8 +29,6 @@ public:
 private:
     int _number;
 };
-
-namespace local_socket {
 
 using Deadline = std::chrono::steady_clock::time_point;
 

@@ -39,7 +39,7 @@ StoreClient::~StoreClient() {
 }
 
 bool StoreClient::start(local_socket::Deadline deadline) {
-    _wakeUp = Descriptor(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    _wakeUp = local_socket::Descriptor(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
     if (!_wakeUp.isOpen()) return false;
     Link link = attach(wire::Mode::Watch, deadline);
     if (!link || !_mirror.start()) return false;
@@ -51,7 +51,7 @@ bool StoreClient::start(local_socket::Deadline deadline) {
 }
 
 StoreClient::Link StoreClient::attach(wire::Mode mode, local_socket::Deadline deadline) {
-    auto link = std::make_shared<Descriptor>(local_socket::connectBy(kStoreSocket, deadline));
+    auto link = std::make_shared<local_socket::Descriptor>(local_socket::connectBy(kStoreSocket, deadline));
     if (!link->isOpen()) return nullptr;
     wire::Subscription everything;
     everything.mode = mode;
@@ -251,7 +251,10 @@ bool StoreClient::ask(Request& request, const std::function<wire::Packet(std::ui
     const wire::Packet packet = make(number);
     Io sent = Io::Again;
     while ((sent = local_socket::send(link->number(), packet)) == Io::Again || sent == Io::Interrupted) {
-        if (sent == Io::Again && local_socket::waitToSend(link->number(), deadline) == Io::Again) break;
+        // Without memory for the packet the socket has room all the same, and the wait is none.
+        if (sent == Io::Again &&
+            (local_socket::waitToSend(link->number(), deadline) == Io::Again || SteadyClock::now() >= deadline))
+            break;
     }
     std::unique_lock<std::mutex> lock(_mutex);
     if (sent == Io::Done &&

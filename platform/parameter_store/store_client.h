@@ -58,7 +58,7 @@ private:
     using Buffer = std::vector<std::uint8_t>;
 
     // Shared, so that a thread that sends never meets a descriptor that has become somebody else's.
-    using Link = std::shared_ptr<Descriptor>;
+    using Link = std::shared_ptr<local_socket::Descriptor>;
 
     struct Request {
         bool answered = false;
@@ -86,7 +86,7 @@ private:
     void run();
 
     const bool _speaks;
-    Descriptor _wakeUp;
+    local_socket::Descriptor _wakeUp;
     std::thread _thread;
 
     // The starting thread's, then the receiving thread's.

@@ -30,7 +30,7 @@ StoreHost::Outcome StoreHost::start(std::string& why) {
         why = reason(std::string("cannot make ") + kStoreDirectory);
         return Outcome::Failed;
     }
-    _lock = Descriptor(::open(kStoreLock, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    _lock = local_socket::Descriptor(::open(kStoreLock, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!_lock.isOpen()) {
         why = reason(std::string("cannot open ") + kStoreLock);
         return Outcome::Failed;

@@ -31,7 +31,7 @@ public:
 
 private:
     // In this order: the server goes first, the lock last.
-    Descriptor _lock;
+    local_socket::Descriptor _lock;
     StoreJournal _journal;
     StoreEngine _engine;
     StoreServer _server;

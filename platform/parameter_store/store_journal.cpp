@@ -57,7 +57,7 @@ bool writeWhole(int file, const std::vector<std::uint8_t>& bytes) {
 // The file's content, up to kMostBytesRead. False with errno set when there is none to read.
 bool readFile(const std::string& path, std::vector<std::uint8_t>& bytes) {
     // Nothing that somebody put there instead of the file (a pipe, a link) may hold the host up.
-    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    const local_socket::Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     if (!file.isOpen()) return false;
     struct stat status {};
     if (::fstat(file.number(), &status) == -1) return false;
@@ -173,7 +173,7 @@ bool StoreJournal::writeAnew(const StoreTable& table) {
     }
     const std::string fresh = _path + ".new";
     ::unlink(fresh.c_str());
-    Descriptor file(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
+    local_socket::Descriptor file(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!file.isOpen()) return false;
     if (!writeWhole(file.number(), bytes) || ::rename(fresh.c_str(), _path.c_str()) == -1) {
         const int error = errno;

@@ -57,7 +57,7 @@ private:
     static void appendRecord(Bytes& bytes, eParam_t id, const StoreEntry& entry);
 
     const std::string _path;
-    Descriptor _file;
+    local_socket::Descriptor _file;
     off_t _size = 0;         // of the whole records in the file
     off_t _sizeAnew = 0;     // of the file when it was written last
     bool _said = false;      // the file's failure has been told

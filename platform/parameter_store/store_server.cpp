@@ -53,7 +53,7 @@ StoreServer::~StoreServer() { stop(); }
 
 bool StoreServer::start(const char* path, const char* fresh) {
     _groupExists = findGroup(kStoreWriterGroup, _group);
-    _wakeUp = Descriptor(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    _wakeUp = local_socket::Descriptor(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
     if (!_wakeUp.isOpen()) return false;
     _listening = local_socket::listenAt(path, fresh);
     if (!_listening.isOpen()) return false;
@@ -241,7 +241,7 @@ void StoreServer::acceptAll() {
     // Bounded, so that a storm of newcomers does not keep the others waiting.
     for (std::size_t each = 0; each < kMostConnections; ++each) {
         Connection newcomer;
-        newcomer.socket = Descriptor(::accept4(_listening.number(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        newcomer.socket = local_socket::Descriptor(::accept4(_listening.number(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (!newcomer.socket.isOpen()) {
             if (errno == EINTR || errno == ECONNABORTED) continue;
             // Out of descriptors or memory the newcomer stays where it is, and poll would report it for ever.
@@ -399,7 +399,9 @@ void StoreServer::bidFarewell() {
         for (;;) {
             sendTo(connection);
             if (connection.gone || connection.queue.empty()) break;
-            if (local_socket::waitToSend(connection.socket.number(), deadline) == local_socket::Io::Again) break;
+            if (local_socket::waitToSend(connection.socket.number(), deadline) == local_socket::Io::Again ||
+                SteadyClock::now() >= deadline)
+                break;
         }
     }
 }

@@ -63,7 +63,7 @@ private:
     };
 
     struct Connection {
-        Descriptor socket;
+        local_socket::Descriptor socket;
         uid_t user = 0;
         bool mayWrite = false;
         bool greeted = false;
@@ -118,8 +118,8 @@ private:
     bool _groupExists = false;
     gid_t _group = 0;
     const char* _path = nullptr;
-    Descriptor _listening;
-    Descriptor _wakeUp;
+    local_socket::Descriptor _listening;
+    local_socket::Descriptor _wakeUp;
     std::thread _thread;
     std::vector<std::uint8_t> _buffer;
     std::chrono::steady_clock::time_point _acceptAgain{}; // after the process had no descriptor left

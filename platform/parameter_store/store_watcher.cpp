@@ -18,7 +18,7 @@ constexpr std::chrono::seconds kAnswerDeadline{5};
 
 class SocketWatcher : public StoreWatcher {
 public:
-    explicit SocketWatcher(Descriptor socket) : _socket(std::move(socket)), _buffer(local_socket::kBufferSize) {}
+    explicit SocketWatcher(local_socket::Descriptor socket) : _socket(std::move(socket)), _buffer(local_socket::kBufferSize) {}
 
     bool begin(const std::vector<eParam_t>& identifiers, local_socket::Deadline deadline) {
         wire::Subscription wanted;
@@ -79,7 +79,7 @@ private:
         return Result::Event;
     }
 
-    Descriptor _socket;
+    local_socket::Descriptor _socket;
     std::vector<std::uint8_t> _buffer;
 };
 
@@ -87,7 +87,7 @@ private:
 
 std::unique_ptr<StoreWatcher> StoreWatcher::connect(const std::vector<eParam_t>& identifiers) {
     const local_socket::Deadline deadline = SteadyClock::now() + kAnswerDeadline;
-    Descriptor socket = local_socket::connectBy(kStoreSocket, deadline);
+    local_socket::Descriptor socket = local_socket::connectBy(kStoreSocket, deadline);
     if (!socket.isOpen()) return nullptr;
     auto watcher = std::make_unique<SocketWatcher>(std::move(socket));
     if (!watcher->begin(identifiers, deadline)) return nullptr;

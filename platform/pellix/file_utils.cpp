@@ -128,14 +128,15 @@ int startShell(const std::string& line, int output, int gate, const std::string&
     SpawnSettings settings;
     posix_spawn_file_actions_t* const actions = &settings.actions;
     if (output == -1)
-        posix_spawn_file_actions_addopen(actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+        settings.need(posix_spawn_file_actions_addopen(actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0));
     else
-        posix_spawn_file_actions_adddup2(actions, output, STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(actions, gate, STDIN_FILENO);
-    if (!asArgument) posix_spawn_file_actions_adddup2(actions, file.get(), kScriptDescriptor);
+        settings.need(posix_spawn_file_actions_adddup2(actions, output, STDOUT_FILENO));
+    settings.need(posix_spawn_file_actions_adddup2(actions, gate, STDIN_FILENO));
+    if (!asArgument) settings.need(posix_spawn_file_actions_adddup2(actions, file.get(), kScriptDescriptor));
     // Descriptors that some library opened without close-on-exec stay here as well.
-    posix_spawn_file_actions_addclosefrom_np(actions, asArgument ? kScriptDescriptor : kScriptDescriptor + 1);
-    posix_spawn_file_actions_addchdir_np(actions, directory.c_str());
+    settings.need(posix_spawn_file_actions_addclosefrom_np(actions, asArgument ? kScriptDescriptor : kScriptDescriptor + 1));
+    settings.need(posix_spawn_file_actions_addchdir_np(actions, directory.c_str()));
+    if (settings.error() != 0) return settings.error();
 
     char name[] = "bash";
     char noProfile[] = "--noprofile";

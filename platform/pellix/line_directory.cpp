@@ -134,8 +134,9 @@ void LineDirectory::endLeftLines(const char* const* environment) {
             if (!readRecord(folder, record) || record.owner == getpid() || isRunning(record.owner, record.ownerTime))
                 continue;
             const auto members = ProcessEntry::membersOf(record.shell);
-            if (isLeftLine(record, members, environment)) {
-                const std::string names = namesOf(members);
+            if (!members) continue; // the next start may be able to look
+            if (isLeftLine(record, *members, environment)) {
+                const std::string names = namesOf(*members);
                 const bool ended = endProcessGroup(record.shell, [] {});
                 writeDiagnosticLine(std::string(ended ? " ended" : " could not end") +
                                     " what an earlier run has left running: " + names);

@@ -19,7 +19,8 @@ bool endProcessGroup(pid_t group, const std::function<void()>& meanwhile) {
     const auto isGoneBefore = [&](Clock::time_point deadline) {
         for (;;) {
             meanwhile();
-            if (ProcessEntry::membersOf(group).empty()) return true;
+            // Where nobody can look, nothing is gone.
+            if (const auto members = ProcessEntry::membersOf(group); members && members->empty()) return true;
             if (Clock::now() >= deadline) return false;
             std::this_thread::sleep_for(kLook);
         }

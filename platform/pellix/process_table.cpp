@@ -2,11 +2,14 @@
 
 #include <dirent.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <sstream>
 
 std::optional<ProcessEntry> ProcessEntry::of(pid_t id) {
+    errno = 0;
     std::ifstream file("/proc/" + std::to_string(id) + "/stat");
     std::string line;
     std::getline(file, line);
@@ -27,16 +30,16 @@ std::optional<ProcessEntry> ProcessEntry::of(pid_t id) {
     return entry;
 }
 
-std::vector<ProcessEntry> ProcessEntry::membersOf(pid_t group) {
+std::optional<std::vector<ProcessEntry>> ProcessEntry::membersOf(pid_t group) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir("/proc"), &closedir);
+    if (!directory) return std::nullopt;
     std::vector<ProcessEntry> members;
-    DIR* const directory = opendir("/proc");
-    if (directory == nullptr) return members;
-    while (const dirent* entry = readdir(directory)) {
+    while (const dirent* entry = readdir(directory.get())) {
         const auto id = static_cast<pid_t>(std::strtol(entry->d_name, nullptr, 10));
         if (id <= 0) continue;
-        if (const auto process = of(id); process && process->group == group && !process->isOver)
-            members.push_back(*process);
+        const auto process = of(id);
+        if (!process && errno != 0 && errno != ENOENT && errno != ESRCH) return std::nullopt;
+        if (process && process->group == group && !process->isOver) members.push_back(*process);
     }
-    closedir(directory);
     return members;
 }

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -111,6 +112,21 @@ TEST(ProcessTest, programThatRunsIsFoundByAPartOfItsName) {
         EXPECT_FALSE(os.isRunning("qxendpoint-c"));
     }
     EXPECT_FALSE(os.isRunning("qxendpoint"));
+}
+
+TEST(ProcessTest, whereNobodyCanLookSomethingRuns) {
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    rlimit none = before;
+    for (const rlim_t left : {0, 1}) { // for the directory, for what is in it
+        const int next = ::dup(0);
+        ASSERT_NE(next, -1);
+        ::close(next);
+        none.rlim_cur = static_cast<rlim_t>(next) + left;
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+        EXPECT_TRUE(OperatingSystem::host().isRunning("qxendpoint")) << left;
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    }
 }
 
 } // namespace

@@ -359,6 +359,10 @@ public:
         const std::lock_guard lock(_lock);
         return startTime + static_cast<std::time_t>(_now / 1'000'000'000);
     }
+    std::time_t steadyTime() override {
+        const std::lock_guard lock(_lock);
+        return 60 + static_cast<std::time_t>(_now / 1'000'000'000);
+    }
     void sleep(ThreadSleep& /*sleeper*/, long nanoseconds) override {
         pass("sleep " + std::to_string(nanoseconds), nanoseconds);
     }
@@ -384,7 +388,7 @@ public:
         const std::lock_guard lock(_lock);
         return _sleepers;
     }
-    std::time_t startTime = 1'700'000'000;
+    std::time_t startTime = 1'700'000'000; // a test sets the date by changing it
     Sleeps sleeps = Sleeps::Advance;
     bool recordSleeps = true;
     std::function<void(long long nanoseconds)> onSleep; // at the begin of every sleep: what happens meanwhile

@@ -591,6 +591,16 @@ TEST_F(FwDataTest, endpointThatNobodyUsesIsStartedAnewEveryTenSeconds) {
     }
 }
 
+TEST_F(FwDataTest, endpointIsStartedAnewInTimeWhateverTheDate) {
+    start();
+    world.os.startTime += 1'000'000;
+    passSeconds(9);
+    expectPass(0, join({kLooksAtAvailability, kLooksAtUseAndStop}));
+    world.os.startTime -= 2'000'000;
+    passSeconds(1);
+    expectPass(0, join({kLooksAtAvailability, kLooksAtUseAndStop, kRestarts}));
+}
+
 TEST_F(FwDataTest, restartWaitsForTheEndpointToGo) {
     start();
     passSeconds(10);
@@ -701,6 +711,18 @@ TEST_F(FwDataTest, twelveSecondsWithoutAMediumAreAllowed) {
     passSeconds(1);
     expectPass(0, join({kLooksAtAvailability, kPauses, kLooksAtUse}));
     EXPECT_FALSE(fwData.offers(eStorageSlotS1));
+}
+
+TEST_F(FwDataTest, dateThatIsSetEndsNoTime) {
+    startInUse();
+    mediumGoes();
+    expectPass(0, join({kLooksAtAvailability, {"findStorage false"}, kLooksAtUse}));
+    world.os.startTime += 1'000'000;
+    passSeconds(12);
+    expectPass(0, join({kLooksAtAvailability, kLooksAtUse}));
+    world.os.startTime -= 2'000'000;
+    passSeconds(1);
+    expectPass(0, join({kLooksAtAvailability, kPauses, kLooksAtUse}));
 }
 
 TEST_F(FwDataTest, searchGivesItsResult) {

@@ -504,7 +504,7 @@ TEST_F(MediumIndexTest, AFullSegmentTakesNoMoreAndFillsUpWhenThereIsRoom) {
     makeClip("older.mov", 10);
     makeClip("newer.mov", 2000);
     const std::string said = healQuietly();
-    EXPECT_NE(said.find("left out the 2 oldest\n"), std::string::npos) << said;
+    EXPECT_NE(said.find("left out 2\n"), std::string::npos) << said;
     EXPECT_EQ(healQuietly(), ""); // no news
     Clips clips = segment();
     ASSERT_EQ(clips.size(), 4096U);
@@ -527,7 +527,7 @@ TEST_F(MediumIndexTest, OfMorePlaylistsThanThereIsRoomForTheFirstAreKept) {
     testing::internal::CaptureStderr();
     scan();
     const std::string said = testing::internal::GetCapturedStderr();
-    EXPECT_NE(said.find("left out the 2 last\n"), std::string::npos) << said;
+    EXPECT_NE(said.find("left out 2\n"), std::string::npos) << said;
     EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
     Names found = playlists();
     ASSERT_EQ(found.size(), 1024U);

@@ -56,8 +56,8 @@ TEST_F(PlaylistReaderTest, TheLineFeedIsNotTakenIntoTheText) {
     std::istringstream stream(std::string(kShowA) + "\nnext");
     EXPECT_TRUE(PlaylistReader::Read(stream, _playlist));
     std::string rest;
-    stream >> rest;
-    EXPECT_EQ(rest, "next");
+    std::getline(stream, rest, '\0');
+    EXPECT_EQ(rest, "\nnext");
 }
 
 TEST_F(PlaylistReaderTest, AnEmptyClipListIsAccepted) {

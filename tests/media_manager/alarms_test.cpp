@@ -354,6 +354,19 @@ TEST_F(AlarmsTest, capacityIsMeasuredAtMostEveryFiveSeconds) {
     EXPECT_EQ(effectsOf("run").size(), 1U);
 }
 
+TEST_F(AlarmsTest, capacityIsMeasuredInTimeWhateverTheDate) {
+    startMeasuring(40);
+    manager->updateCurrentSlotCapacityRemaining(true);
+    effects();
+    os.startTime += 1'000'000;
+    manager->updateCurrentSlotCapacityRemaining(false);
+    expectNoEffects();
+    os.startTime -= 2'000'000;
+    os.advance(6'000'000'000);
+    manager->updateCurrentSlotCapacityRemaining(false);
+    EXPECT_EQ(effectsOf("run").size(), 1U);
+}
+
 TEST_F(AlarmsTest, forcedMeasurementIsMadeAndCounts) {
     startMeasuring(40);
     manager->updateCurrentSlotCapacityRemaining(true);

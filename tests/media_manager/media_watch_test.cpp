@@ -883,6 +883,14 @@ TEST_F(WatchTest, unusableSegmentsEndAtTheEventsOfThisPass) {
     EXPECT_EQ(effectsOf("clips"), Lines{"clips remove /mnt/S1/NEVO/c.mov"});
 }
 
+TEST_F(WatchTest, memoryThatRunsOutEndsAtTheEventsOfThisPass) {
+    startWithMedium();
+    scanner.onCall = [](const std::string&) { throw std::bad_alloc(); };
+    taken(inotifyEvent(kDelete, "b.mov"));
+    expectError("Media ManagercheckMediaEvents: the shared clip cache cannot be used: std::bad_alloc\n");
+    expectAllEffects({"clips remove /mnt/S1/NEVO/b.mov"});
+}
+
 TEST_F(WatchTest, whatChangedBeforeTheCacheFailedIsStamped) {
     startWithMedium();
     putClip("a.mov");
@@ -1079,6 +1087,28 @@ TEST_F(UpdatedTest, stampOfTheDaemonsOwnEventsBringsTheRefresh) {
     EXPECT_TRUE(manager->pass());
     EXPECT_EQ(effectsOf("clips"), (Lines{"clips find true false true", "clips find false true true"}));
     EXPECT_EQ(config.text(kParamClipName), "a");
+    EXPECT_TRUE(manager->pass());
+    EXPECT_EQ(effectsOf("clips"), Lines{});
+}
+
+// Removing a clip can take a neighbour along, which only a refresh brings back.
+TEST_F(UpdatedTest, secondChangeWithinASecondBringsARefreshToo) {
+    startWithMedium();
+    scanner.found = {fakes::clip("a")};
+    config.onSet = [this](eParam_t id) {
+        if (id == kParamMediaChangedTime) world.events.raise(id, static_cast<unsigned int>(config.integer(id)));
+    };
+    putClip("a.mov");
+    happens(inotifyEvent(kCloseWrite, "a.mov"));
+    EXPECT_TRUE(manager->pass());
+    effects();
+    const int stamp = config.integer(kParamMediaChangedTime);
+    scanner.onCall = [this, stamp](const std::string&) { os.startTime += stamp - os.time(); };
+    happens(inotifyEvent(kDelete, "b_12.mov"));
+    EXPECT_TRUE(manager->pass());
+    EXPECT_EQ(config.integer(kParamMediaChangedTime), stamp);
+    EXPECT_EQ(effectsOf("clips"), (Lines{"clips remove /mnt/S1/NEVO/b_12.mov", "clips find true false true",
+                                         "clips find false true true"}));
     EXPECT_TRUE(manager->pass());
     EXPECT_EQ(effectsOf("clips"), Lines{});
 }

@@ -339,6 +339,21 @@ TEST_F(RecoveryTest, releasedMediumWhosePinBouncesIsProbedForWhenNothingIsAnnoun
     expectNoEffects();
 }
 
+TEST_F(RecoveryTest, releasedMediumIsProbedForInTimeWhateverTheDate) {
+    startReleased();
+    bounce(S1);
+    manager->findStorage(true);
+    effects();
+    os.startTime += 1'000'000;
+    passSeconds(2);
+    manager->findStorage(true);
+    expectNoEffects();
+    os.startTime -= 2'000'000;
+    passSeconds(1);
+    manager->findStorage(true);
+    expectEffects({kProbe1});
+}
+
 // The daemon before has ended because of the pin, and has taken the medium off the bus.
 TEST_F(RecoveryTest, mediumWhosePinWasOffAtTheStartIsProbedForWhenNothingIsAnnounced) {
     makeManager();

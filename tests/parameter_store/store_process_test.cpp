@@ -57,7 +57,7 @@ std::size_t lines(const std::string& text) {
 class RawClient {
 public:
     RawClient() : RawClient(local_socket::connectBy(kStoreSocket, std::chrono::steady_clock::now() + kPatience)) {}
-    explicit RawClient(Descriptor socket) : _socket(std::move(socket)) {}
+    explicit RawClient(local_socket::Descriptor socket) : _socket(std::move(socket)) {}
 
     bool isOpen() const { return _socket.isOpen(); }
     int number() const { return _socket.number(); }
@@ -95,7 +95,7 @@ public:
     }
 
 private:
-    Descriptor _socket;
+    local_socket::Descriptor _socket;
 };
 
 // A host that says what the test wants, when the test wants it.
@@ -113,8 +113,8 @@ public:
     // wants to be. Not open when nobody comes.
     RawClient admit(std::uint32_t& subscription, wire::Mode& mode) const {
         pollfd descriptor{_listening.number(), POLLIN, 0};
-        if (poll(&descriptor, 1, 1000 * static_cast<int>(kPatience.count())) <= 0) return RawClient(Descriptor());
-        RawClient client(Descriptor(accept4(_listening.number(), nullptr, nullptr, SOCK_CLOEXEC)));
+        if (poll(&descriptor, 1, 1000 * static_cast<int>(kPatience.count())) <= 0) return RawClient(local_socket::Descriptor());
+        RawClient client(local_socket::Descriptor(accept4(_listening.number(), nullptr, nullptr, SOCK_CLOEXEC)));
         wire::Header header{};
         const wire::Packet hello = client.receive();
         EXPECT_TRUE(wire::readHeader(hello.data(), hello.size(), header) && header.type == wire::Type::Hello);
@@ -148,7 +148,7 @@ public:
     }
 
 private:
-    Descriptor _listening;
+    local_socket::Descriptor _listening;
 };
 
 class StoreProcessTest : public testing::Test {
@@ -229,7 +229,7 @@ TEST_F(StoreProcessTest, aStoreThatCannotBeHostedIsOneClearLine) {
     }
     // And a host that has the lock but does not serve.
     std::filesystem::create_directory(kStoreDirectory);
-    const Descriptor lock(open(kStoreLock, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    const local_socket::Descriptor lock(open(kStoreLock, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     ASSERT_EQ(flock(lock.number(), LOCK_EX | LOCK_NB), 0);
     Helper helper(Starts::Bare);
     helper.ask("create");
@@ -514,7 +514,7 @@ TEST_F(StoreProcessTest, aStaleSocketIsReplaced) {
     std::filesystem::create_directory(kStoreDirectory);
     {
         // Bound, and its owner gone.
-        const Descriptor stale = local_socket::listenAt(kStoreSocket, kStoreSocketFresh);
+        const local_socket::Descriptor stale = local_socket::listenAt(kStoreSocket, kStoreSocketFresh);
         ASSERT_TRUE(stale.isOpen());
     }
     std::ofstream(kStoreSocketFresh) << "left by a host that was killed between two steps";
@@ -636,8 +636,8 @@ TEST_F(StoreProcessTest, theAnswerToACommandThatWasMissedReachesTheHost) {
     // A console with room for the first line only: behind it the client stands still until somebody reads.
     int console[2];
     ASSERT_EQ(pipe2(console, O_CLOEXEC), 0);
-    const Descriptor consoleOut(console[0]);
-    const Descriptor consoleIn(console[1]);
+    const local_socket::Descriptor consoleOut(console[0]);
+    const local_socket::Descriptor consoleIn(console[1]);
     const std::string filling(static_cast<std::size_t>(fcntl(console[1], F_GETPIPE_SZ)) - gone.size(), '.');
     Helper client(Starts::Hosting, console[1]);
     EXPECT_THAT(client.ask("threads"), HasSubstr("store-client"));

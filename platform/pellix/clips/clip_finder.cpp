@@ -26,7 +26,7 @@ std::string nameOf(const Clip& clip) { return fieldText(clip.name); }
 
 // A clip's name in lists that people and programs write: with the file's extension or without. A point in what carries
 // no clip extension belongs to the name ("Scene 1.5").
-std::string withoutExtension(const std::string& name) { return isClipPath(name) ? ClipExaminer::clipName(name) : name; }
+std::string withoutExtension(const std::string& name) { return ClipExaminer::isClipPath(name) ? ClipExaminer::clipName(name) : name; }
 
 // The clips that a playlist names. A record holds the beginning of its file only, so a long playlist is read again.
 std::vector<std::string> clipNamesOf(const PlaylistCacheEntry& entry) {

@@ -57,12 +57,14 @@ std::unique_ptr<ClipWorker> ClipWorker::start(int& error) {
 
     SpawnSettings settings;
     posix_spawn_file_actions_t* const actions = &settings.actions;
-    posix_spawn_file_actions_adddup2(actions, theirs.get(), STDIN_FILENO);
-    posix_spawn_file_actions_addopen(actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    settings.need(posix_spawn_file_actions_adddup2(actions, theirs.get(), STDIN_FILENO));
+    settings.need(posix_spawn_file_actions_addopen(actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0));
     // Nothing that a clip makes it say is for our log; what a sanitizer finds is.
-    if (!kInstrumented) posix_spawn_file_actions_addopen(actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addclosefrom_np(actions, STDERR_FILENO + 1);
-    posix_spawn_file_actions_addchdir_np(actions, "/");
+    if (!kInstrumented) settings.need(posix_spawn_file_actions_addopen(actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0));
+    settings.need(posix_spawn_file_actions_addclosefrom_np(actions, STDERR_FILENO + 1));
+    settings.need(posix_spawn_file_actions_addchdir_np(actions, "/"));
+    error = settings.error();
+    if (error != 0) return nullptr;
     char name[] = "clip-probe";
     char* const arguments[] = {name, nullptr};
     char* const environment[] = {nullptr};

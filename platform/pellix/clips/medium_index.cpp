@@ -109,14 +109,13 @@ struct ClipKind {
     using Record = Clip;
     static constexpr std::size_t kCapacity = kClipCapacity;
     static constexpr char kPlural[] = "clips";
-    static constexpr char kLeftOut[] = "oldest";
 
     // Never destroyed: a thread that outlives main may still look.
     static ExaminedFiles& examinedFiles() {
         static auto& files = *new ExaminedFiles;
         return files;
     }
-    static bool isOne(const std::string& path) { return isClipPath(path); }
+    static bool isOne(const std::string& path) { return ClipExaminer::isClipPath(path); }
     static std::string nameOfFile(const std::string& path) { return ClipExaminer::clipName(path); }
     static std::string nameOf(const Clip& clip) { return fieldText(clip.name); }
     static bool stamp(const std::string& path, FileStamp& stamp) {
@@ -190,14 +189,13 @@ struct PlaylistKind {
     using Record = PlaylistCacheEntry;
     static constexpr std::size_t kCapacity = kPlaylistCapacity;
     static constexpr char kPlural[] = "playlists";
-    static constexpr char kLeftOut[] = "last";
 
     static ExaminedFiles& examinedFiles() {
         static auto& files = *new ExaminedFiles;
         return files;
     }
     static bool isOne(const std::string& path) {
-        return !isClipPath(path) && path.find(".playlist") != std::string::npos;
+        return !ClipExaminer::isClipPath(path) && path.find(".playlist") != std::string::npos;
     }
     static std::string nameOfFile(const std::string& path) { return playlistName(path); }
     static std::string nameOf(const PlaylistCacheEntry& playlist) { return playlistName(playlist); }
@@ -339,8 +337,7 @@ bool bringInStep(const Kind& kind, std::list<typename Kind::Record>& records, co
     }
     if (Kind::examinedFiles().isNews(leftOut))
         writeDiagnosticLine(" ClipFinder - " + printable(directory) + " has more " + Kind::kPlural +
-                            " than the cache has room for, left out the " + std::to_string(leftOut) + " " +
-                            Kind::kLeftOut);
+                            " than the cache has room for, left out " + std::to_string(leftOut));
     for (const auto& [name, examined] : added) records.push_back(kind.record(*examined));
     changed = changed || !added.empty();
     if (changed) kind.arrange(records);
@@ -356,9 +353,14 @@ std::optional<std::vector<std::string>> listDirectory(const std::string& path) {
         return std::nullopt;
     }
     std::vector<std::string> names;
-    errno = 0;
-    while (const dirent* entry = ::readdir(directory)) names.emplace_back(entry->d_name);
-    const int error = errno;
+    int error = 0;
+    for (;;) {
+        errno = 0; // the end is told from a failure by it, and making room for a name may set it
+        const dirent* const entry = ::readdir(directory);
+        error = errno;
+        if (entry == nullptr) break;
+        names.emplace_back(entry->d_name);
+    }
     ::closedir(directory);
     if (error != 0) {
         writeDiagnosticLine(" ClipFinder - reading " + printable(path) + " ended early", error);
@@ -366,10 +368,6 @@ std::optional<std::vector<std::string>> listDirectory(const std::string& path) {
     }
     std::sort(names.begin(), names.end());
     return names;
-}
-
-bool isClipPath(const std::string& path) {
-    return path.find(".mov") != std::string::npos || path.find(".MOV") != std::string::npos;
 }
 
 bool bringClipsInStep(std::list<Clip>& records, const std::string& directory, const std::vector<std::string>& names,

@@ -22,9 +22,6 @@
 // line on standard error, when it cannot be read to its end.
 std::optional<std::vector<std::string>> listDirectory(const std::string& path);
 
-// Whether the file is a clip, by the media watcher's rule: a substring of the full path, not a suffix.
-bool isClipPath(const std::string& path);
-
 // Bring `records`, in segment order, in step with the files `names` in `directory`; true when that changed anything.
 // - A record goes when there is no file that gives its name, when that file is not usable, or when it is there twice.
 // - A record is replaced when it does not say what its file says; the codec flag does not count.

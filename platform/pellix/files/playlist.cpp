@@ -26,7 +26,7 @@ using Document = std::unique_ptr<cJSON, decltype(&cJSON_Delete)>;
 
 Document parseFirstLine(std::istream& in) {
     const auto buffer = std::make_unique<char[]>(static_cast<std::size_t>(kReadBufferSize));
-    in.getline(buffer.get(), kReadBufferSize);
+    in.get(buffer.get(), kReadBufferSize); // the line feed stays in the stream
     return {cJSON_Parse(buffer.get()), &cJSON_Delete};
 }
 

@@ -16,6 +16,10 @@ public:
     // somebody put on a medium: nothing in it is believed further than it can be checked.
     static bool GrokClip(Clip& clip, std::string path, bool option);
 
+    // Whether a file is a clip by its path: ".mov" or ".MOV" anywhere in it, for what a clip is called while it is uploaded has
+    // more behind it.
+    static bool isClipPath(const std::string& path);
+
     // The name that a clip file's record has: the file's name up to its last ".".
     static std::string clipName(const std::string& path);
 };

@@ -19,19 +19,20 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/interprocess/exceptions.hpp>
 #include <boost/interprocess/mapped_region.hpp>
 #include <boost/interprocess/shared_memory_object.hpp>
 #include <boost/interprocess/sync/named_mutex.hpp>
 #include <boost/interprocess/sync/scoped_lock.hpp>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <list>
 #include <new>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "clip.h"
@@ -255,11 +256,15 @@ SegmentReading<Record> readSegment(const std::string& segmentName, const std::st
     try {
         ipc::shared_memory_object segment(ipc::open_only, segmentName.c_str(), ipc::read_only);
         ipc::named_mutex mutex(ipc::open_only, mutexName.c_str());
-        const auto deadline = boost::posix_time::microsec_clock::universal_time() +
-                              boost::posix_time::seconds(static_cast<long>(seconds));
+        // The library waits by the date, which may be set at any moment.
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
         // A tool that is interrupted between lock and unlock would leave the recorder locked.
         const SignalsHeld held;
-        ipc::scoped_lock<ipc::named_mutex> lock(mutex, deadline);
+        ipc::scoped_lock<ipc::named_mutex> lock(mutex, ipc::try_to_lock);
+        while (!lock.owns() && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            lock.try_lock();
+        }
         if (!lock.owns()) {
             reading.state = SegmentState::Locked;
             return reading;
