@@ -76,11 +76,13 @@ Endpoint findEndpoint() {
 enum class State { Idle, Offered, InUse, Paused, NobodyHasIt };
 
 State look(StoreConnection& store) {
-    if (findEndpoint() == Endpoint::HasDisk) return exists(kNotInUse) && !exists(kStop) ? State::Offered : State::InUse;
-    // A selected slot is the recorder's; the mode may stand from before mediad was started.
-    if (store.integer(kParamFirewireMode) != kOn || store.integer(kParamMediaDaemonStatus) != kDaemonRuns ||
-        store.integer(kParamSelectedSlot) != 0)
+    const Endpoint endpoint = findEndpoint();
+    if (endpoint == Endpoint::HasDisk) return exists(kNotInUse) && !exists(kStop) ? State::Offered : State::InUse;
+    if (store.integer(kParamFirewireMode) != kOn || store.integer(kParamMediaDaemonStatus) != kDaemonRuns)
         return State::Idle;
+    // A selected slot is the recorder's, and the mode may stand from before mediad was started. But beside an endpoint
+    // that waits for its disk it is another medium, in use until that one is back.
+    if (store.integer(kParamSelectedSlot) != 0 && endpoint == Endpoint::None) return State::Idle;
     return exists(kUnavailable) ? State::Paused : State::NobodyHasIt;
 }
 

@@ -189,8 +189,8 @@ void defineFirewire(CLI::App& app, CommandLine& line) {
         "/var/run and the disk that this application has open. What cannot be known:\n"
         "- Access that is on while nobody has the medium is paused, or its endpoint is just being started. So \"paused\"\n"
         "  is said after a while, unless the endpoint has reported its medium as lost.\n"
-        "- A mode of 2 may stand from before mediad was started, or wait for its turn: while a slot is selected it\n"
-        "  is \"idle\".\n"
+        "- A mode of 2 may stand from before mediad was started, or wait for its turn: while a slot is selected and no\n"
+        "  endpoint waits for a disk it is \"idle\".\n"
         "- Which slot was handed over, and whether a computer is connected that has not taken the disk.\n"
         "- Who may not look at root's processes cannot see the disk: a running endpoint is taken for one that has it.");
 }

@@ -16,6 +16,8 @@
 //   /var/run/endpointdiskstop         made at a stop, removed with the end of the login
 //   /var/run/endpointdiskunavailable  made when the medium is lost while the computer uses it; otherwise nobody notices
 //
+// None of them is asked for here: mediad's only request of an endpoint is that it ends.
+//
 // A termination signal cuts the computer off. What happens is written to /var/log/firewire.log. A second one ends the first
 // and takes its place.
 

@@ -145,6 +145,13 @@ TEST_F(Firewire, isPausedWhenNobodyHasTheMediumForAWhile) {
     expectState("paused", "0");
 }
 
+TEST_F(Firewire, isPausedBesideAnotherMediumInUse) {
+    serve({kRuns, kSelected, kOn});
+    writeFile(kNotInUse, "");
+    startEndpoint("/dev/null");
+    expectState("paused", "0");
+}
+
 TEST_F(Firewire, isPausedWhenTheEndpointsDiskHasGone) {
     serve({kRuns, kOn});
     writeFile(kNotInUse, "");
