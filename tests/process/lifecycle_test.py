@@ -2,6 +2,7 @@
 
 import glob
 import os
+import resource
 import shutil
 import signal
 import socket
@@ -93,6 +94,26 @@ class Start(World):
         self.assertEqual(daemon.wait(), START_FAILED)
         # The store's own thread may have its word about the loss before or after.
         self.assertIn(NAME + "Failed to create an Event class", daemon.lines())
+
+    def test_a_listener_without_a_thread_ends_the_start(self):
+        # The board file waits at the gate. Behind it there is one descriptor left, for the socket, and none for what wakes
+        # the thread.
+        os.mkfifo("/run/world/gate")
+        self.board(BOARD + "\nlocal gate = io.open('/run/world/gate') gate:read('*a') gate:close()\n")
+        daemon = self.start()
+        gate = os.open("/run/world/gate", os.O_WRONLY)
+        files = f"/proc/{daemon.process.pid}/fd/"
+
+        def used():
+            names = {int(number): os.readlink(files + number) for number in os.listdir(files)}
+            return "/run/world/gate" in names.values() and names
+
+        names = eventually(used, "the daemon at the gate")
+        left = [number for number in range(len(names) + 2) if names.get(number) in (None, "/run/world/gate")]
+        resource.prlimit(daemon.process.pid, resource.RLIMIT_NOFILE, (left[1], 4096))
+        os.close(gate)
+        self.assertEqual(daemon.wait(), START_FAILED)
+        self.assertEqual(daemon.lines()[-1], NAME + "listen: Too many open files")
 
     def test_without_a_card_the_daemon_runs(self):
         os.unlink("/dev/shm/mediad-card")
