@@ -70,6 +70,8 @@ public:
 
     // A `restart` resets the bus once, a first start twice.
     void startEndpointApp(bool restart);
+    // Waits up to 4 s for the endpoint's end, and leaves one behind that does not end. Makes the file that says that the host
+    // does not use the disk.
     void stopEndpointApp();
 
     // Ends access as a forced stop does, without resetting the bus.

@@ -131,7 +131,7 @@ public:
     void setSlotChangeError(eStorageSlot_t code);
     void startProgress(eProgressStatus status);
     void endProgress();
-    void setStorageError();
+    void setStorageError(); // nothing, on purpose: there is no such indication
     bool eraseRequested();
     void clearEraseCommand();
     bool isMediaLoading();
@@ -193,6 +193,7 @@ public:
     int remainingPercentageOfCapacity(eStorageSlot_t slot);
     // Measures at most every five seconds unless `force` is set.
     void updateCurrentSlotCapacityRemaining(bool force);
+    // Three digits or more; kept as the name in use.
     std::string getReelName();
 
     // ---- Which slot is in use: slot_selection.cpp ----
@@ -219,11 +220,14 @@ public:
     int quickCheck(eStorageSlot_t slot);
     // 0 when the file system is clean or repaired; else the tool's status, with the invalid-media alert raised.
     int fsckSlot(eStorageSlot_t slot);
+    // Whether the tool that reads the volume name finds the data partition: false on its "No such device" alone.
     bool isSlotFormatted(eStorageSlot_t slot);
     // 0, or the tool's status with `name` untouched.
     int getVolumeName(eStorageSlot_t slot, std::string& name);
     int displayVolumeName(eStorageSlot_t slot);
     static void replaceControlChars(char* text);
+    // Makes the maker directory and what belongs into it: mkdir's status, whatever becomes of the file in it; -1, with nothing
+    // made, when something there is a link.
     int configureDirectories(eStorageSlot_t slot);
     // The maker directory, or empty for the unknown slot.
     std::string getStoragePath(eStorageSlot_t slot);
@@ -234,7 +238,7 @@ public:
     // 0 on success and in a double mount; the grep's status when nothing was mounted there; else umount's.
     int unmountSlot(eStorageSlot_t slot, bool lazy, bool quiet);
     void unmountAll();
-    // By value: a copy of the record, as it was when the caller decided.
+    // Have the bus look for the slot's disk, and forget it. By value: a copy of the record, as it was when the caller decided.
     void probeBus(Slot slot);
     void deleteDeviceFromBus(Slot slot);
 

@@ -2,8 +2,8 @@
 #define MEDIAD_CLASSES_CONFIG_CONFIG_EVENT_LISTENER_H
 
 // The base of everything that listens to parameter changes: override what you want to hear of.
-// All calls come on the parameter store's own thread, one at a time; do not block in them. The order of the operations
-// is the store's contract: new ones go to the end.
+// All calls come on the parameter store's own thread, one at a time: what one waits for, all that follow wait for. The order
+// of the operations is the store's contract: new ones go to the end.
 
 #include "platform/parameter_store/include/config_events.h"
 

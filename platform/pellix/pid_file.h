@@ -13,7 +13,7 @@ public:
         Failed,  // errno says why
     };
 
-    // Takes `path`, which must outlive the hold, and writes this process's id into it.
+    // Takes `path`, which must outlive the hold, and writes this process's id into it. Before there are threads.
     static Result take(const char* path, pid_t& holder);
 
     // Removes the file and lets go of it; does nothing when it is not held. Any thread.

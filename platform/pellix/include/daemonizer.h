@@ -21,7 +21,7 @@ public:
     static void setupSignalHandler(std::string name, void (*handler)(int), std::string (*information)(),
                                    bool writePidFile);
 
-    // The process is finishing: gives the pid file back. May be called more than once.
+    // The process is finishing: gives the pid file back. May be called more than once, by any thread.
     static void setDone();
 
     // The daemon's display name, in front of every message. Written before there are threads; never destroyed, so
