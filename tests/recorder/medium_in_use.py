@@ -72,6 +72,7 @@ class Recording(InUse):
 
     def test_twenty_clips_appear_one_by_one(self):
         image = self.insert("second", "SECOND")
+        there = files()
         # The activation has numbered the next take above the clip that is there.
         takes = [f"Clip_{number:04}" for number in range(5, 5 + self.TAKES)]
         begin = time.time()
@@ -119,6 +120,7 @@ class Recording(InUse):
 
         before = files()
         self.assertEqual(clip_files(["Clip_0004", *takes]), set(before))
+        self.assertEqual({"Clip_0004.mov": before["Clip_0004.mov"]}, there)
         self.out_and_in_again(image, "S1", "SECOND")
         self.assertEqual(before, files())
         self.assertEqual(["Clip_0004", *takes], clip_names())
@@ -329,6 +331,7 @@ class Formatting(InUse):
 
     def test_a_file_system_that_cannot_be_made_ends_the_progress_and_is_said(self):
         image = self.insert("clean", "REEL 7")
+        before = files()
         tool = "/usr/local/bin/mkfs.hfsplus"
         self.addCleanup(sh, f"[ ! -e {tool}.kept ] || mv {tool}.kept {tool}")
         sh(f"mv {tool} {tool}.kept && printf '#!/bin/sh\\nexit 1\\n' >{tool} && chmod +x {tool}")
@@ -336,6 +339,7 @@ class Formatting(InUse):
         self.wait_for(lambda: self.values("kParamProgressStatus") == ["3", "0"], "the progress does not end")
         # The tool has touched nothing, so the next pass has the old volume in use again.
         self.wait(selected=1, volume="REEL 7", path=MAKER, mounts={"/mnt/S1": "rw"}, command=0, clip="N/A")
+        self.assertEqual(before, files())
         self.assertRegex(self.said(), r"(?m)^mkfs\.hfsplus failed when formatting sd[a-z]2$")
         # It is not repeated by itself; a second request succeeds.
         sh(f"mv {tool}.kept {tool}")
