@@ -13,7 +13,7 @@ PAIRS = len(PHASES) * len(FAULTS)
 
 CONDITIONS = {"repair": ("dirty",), "format": ("clean", "dirty", "damaged", "unformatted")}
 
-MOUNT, UNMOUNT = "*-onoatime*?/mnt/*", "*?/mnt/S*"
+MOUNT, UNMOUNT, SYNC = "*-onoatime*?/mnt/*", "*?/mnt/S*", "*-f?/mnt/S*"
 
 # The tools that work in a phase, and what the call that is meant looks like. A phase without any is there when the recorder
 # shows that it is.
@@ -22,7 +22,7 @@ TOOLS = {
     "repair": [("fsck.hfsplus", "?/dev/*")],
     "mount": [("mount", MOUNT)],
     "scan": [("clip-probe", "*"), ("mkdir", "*/NEVO/.uploads/*"), ("umount", UNMOUNT)],
-    "use": [("df", "*")],
+    "use": [("df", "*"), ("sync", SYNC)],
     "record": [("df", "*"), ("clip-probe", "*")],
     "delete": [("rm", "*Clip_*")],
     "format": [("parted", "*?rm?*"), ("fdisk.gpt", "*"), ("sfdisk", "*"), ("mkfs.hfsplus", "*")],

@@ -34,7 +34,8 @@ TOOLS = {
     "fsck.hfsplus": "/usr/sbin", "mkfs.hfsplus": "/usr/sbin", "sfdisk": "/usr/sbin", "parted": "/usr/sbin",
     "volname.hfsplus": "/usr/local/bin", "fdisk.gpt": "/usr/local/bin", "fwreset.sh": "/usr/local/bin",
     "clip-probe": "/usr/local/lib/mediad", "mount": "/usr/bin", "umount": "/usr/bin", "df": "/usr/bin", "rm": "/usr/bin",
-    "mkdir": "/usr/bin", "cp": "/usr/bin", "endpoint": "/usr/bin", "pkill": "/usr/bin", "pgrep": "/usr/bin",
+    "mkdir": "/usr/bin", "cp": "/usr/bin", "sync": "/usr/bin", "endpoint": "/usr/bin", "pkill": "/usr/bin",
+    "pgrep": "/usr/bin",
 }
 REAL = "/usr/libexec/recorder/real"
 
@@ -47,8 +48,10 @@ RESET = (f"set -- {' '.join(f'{name} {value}' for name, value in IDLE.items())};
 
 NO_MEDIA = "! grep -q ' /mnt/' /proc/mounts && ! compgen -G '/sys/block/sd*' >/dev/null"
 
-# Whose children are nobody's who was left behind.
-OWNERS = re.compile(r"/usr/local/bin/mediad |\{keep-mediad\} |/usr/sbin/qemu-ga |ps -o ")
+# Whose children are nobody's who was left behind. The daemon's own are not among them: an idle one has none, and what it is
+# just running ends while it is looked at again and again.
+OWNERS = re.compile(r"\{keep-mediad\} |/usr/sbin/qemu-ga |ps -o ")
+DAEMON = re.compile(r"/usr/local/bin/mediad ")
 
 UNUSABLE = "1[01]"  # codes of a slot change: unformatted, damaged
 
@@ -193,8 +196,8 @@ class Ordeal:
     # --- what is left
 
     def _census(self):
-        """What there is, a line each, without the processes that somebody of the recorder's own is just running: those of
-        the daemon's command lines, and of lines like this one."""
+        """What there is, a line each, without the processes that somebody of the recorder's own is just running: the daemon
+        itself, and those of lines like this one."""
         lines, parents, words = [], {}, {}
         for line in self.sh("/usr/libexec/recorder/census").splitlines():
             what, _, rest = line.partition(" ")
@@ -205,9 +208,9 @@ class Ordeal:
                 lines.append(line)
         for pid, text in words.items():
             above = parents[pid]
-            while above in words and not OWNERS.match(words[above]):
+            while above in words and not OWNERS.match(words[above]) and not DAEMON.match(words[above]):
                 above = parents[above]
-            if above not in words and "note-disk" not in text:
+            if (above not in words or DAEMON.match(words[above])) and "note-disk" not in text:
                 lines.append(f"process {text}")
         return collections.Counter(lines)
 
@@ -311,6 +314,9 @@ class Round:
 
     def _begin_use(self):
         self._arm()
+        if self._plan.tool == "sync":
+            # A daemon that ends writes what it has in use. Its keeper starts it again.
+            self.sh("kill -TERM $(pidof mediad)")
 
     def _begin_record(self):
         self._take()
@@ -447,6 +453,9 @@ class Round:
         if self._kills:
             ordeal.await_line(f"tail -c +{ordeal.log_start + 1} /var/log/mediad.log | grep -q '^mediad ended: status 137'",
                               "nobody sees that the daemon was killed")
+        if plan.tool == "sync":
+            ordeal.await_line(f"tail -c +{ordeal.log_start + 1} /var/log/mediad.log | grep -q '^mediad ended: status 0'",
+                              "the daemon that was to end does not")
         ordeal.wait_for_daemon()
         if plan.phase == "record":
             status = self._await_take()
@@ -549,6 +558,9 @@ class Round:
         ordeal.wait_idle(RESET if self._erased else "true")
         if not bench.volume_header(self._image)[0]:
             raise Lost("the card was not unmounted in order")
+        # Whatever became of the first format, the card has been in use since.
+        if self._erased:
+            self._check_volume()
 
     def _usual_mounts(self):
         return sum(count for line, count in self._ordeal.usual.items() if line.startswith("mount "))
