@@ -5,6 +5,7 @@
 #include "clip_finder.h"
 #include "fuzzers/hostile_segment.h"
 #include "media/media_cache.h"
+#include "media/segment_editing.h"
 #include "parameters.h"
 #include "tests/fakes/fakes.h"
 
@@ -52,6 +53,48 @@ void checkCopies(const fuzzers::HostileSegment& segment, const Contents& expecte
             "the clips written back");
 }
 
+// The creation time of a record, whose zeros at the end are left out.
+std::int32_t timeOf(const std::string& record) {
+    std::int32_t time = 0;
+    if (record.size() > offsetof(Clip, time))
+        std::memcpy(&time, record.data() + offsetof(Clip, time),
+                    std::min(sizeof time, record.size() - offsetof(Clip, time)));
+    return time;
+}
+
+// What putClip promises, on a plain list: instead of every clip of the same name, and all in the order of time.
+int putPlainly(Contents& records, const Clip& clip) {
+    Contents others;
+    const std::string record = fuzzers::contentOf(clip);
+    std::copy_if(records.begin(), records.end(), std::back_inserter(others), [&record](const std::string& other) {
+        return firstField(other) != firstField(record);
+    });
+    if (others.size() >= kClipCapacity) return -1;
+    others.push_back(record);
+    std::stable_sort(others.begin(), others.end(),
+                     [](const std::string& a, const std::string& b) { return timeOf(a) < timeOf(b); });
+    records = others;
+    return static_cast<int>(records.size()) - 1;
+}
+
+// Puts a clip in, on memory of exactly the segment's size, from where the outcome goes back into the segment.
+int putInto(fuzzers::HostileSegment& segment, std::size_t count, const Clip& clip, ClipsSeen* seen) {
+    static const std::unique_ptr<std::byte[]> bytes(new std::byte[kClipSegmentSize]());
+    const std::size_t end =
+        std::min(kClipRecordsOffset + kClipStride * (std::max(count, fuzzers::kMostRecords) + 2), kClipSegmentSize);
+    std::memcpy(bytes.get(), segment.at(0), end);
+    const int last = putClip(bytes.get(), clip, seen);
+    segment.put(0, bytes.get(), end);
+    return last;
+}
+
+// The bytes between the records are each place's own: they get something to be known by.
+std::string paddingOf(std::size_t place) { return {'p', static_cast<char>('A' + place), '\n'}; }
+
+constexpr std::size_t paddingAt(std::size_t place) {
+    return kClipRecordsOffset + kClipStride * place + kClipBytesCopied;
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -63,7 +106,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     ClipFinder finder(&world.config);
     segment.clear();
     fuzzers::putClips(input, segment);
-    const std::string padding = segment.bytes(kClipRecordsOffset + kClipBytesCopied, 3);
+    for (std::size_t i = 0; i <= fuzzers::kMostRecords; ++i) segment.put(paddingAt(i), paddingOf(i).data(), 3);
+    // Remembers from the second clip on, in a short table too.
+    auto seen = std::make_unique<ClipsSeen>(1);
 
     Contents expected = fuzzers::clipsIn(segment);
     const bool isMany = expected.size() > fuzzers::kMany;
@@ -72,8 +117,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         checkCopies(segment, expected);
     }
 
+    bool isCut = false;
     for (int step = 0; step < (isMany ? 1 : 4) && !input.isEmpty(); ++step) {
-        switch (input.byte() % 8) {
+        const std::uint8_t operation = input.byte() % 16;
+        // Every record of so few is looked at each time. With more of them, what has been seen serves one piece of work.
+        if (operation < 12 && expected.size() > fuzzers::kMostRecords) seen = std::make_unique<ClipsSeen>(1);
+        switch (operation) {
         case 0: {
             const std::string path = input.longText();
             const auto named = std::find_if(expected.begin(), expected.end(), [&path](const std::string& record) {
@@ -152,12 +201,30 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             require(readClips().records.empty(), "nothing is read from it");
             segment.clear();
             expected.clear();
+            isCut = true;
             break;
         }
+        default:
+            // One clip after the other, by somebody who remembers what was there, in earlier steps too, or does not.
+            for (int clips = 1 + input.byte() % 4; clips > 0; --clips) {
+                Clip clip{};
+                fuzzers::fill(input, clip);
+                const std::string before = behind(segment, 0);
+                const int last = putInto(segment, expected.size(), clip, operation >= 12 ? seen.get() : nullptr);
+                require(putPlainly(expected, clip) == last, "the number of clips less one, or no room");
+                if (last == -1) {
+                    require(behind(segment, 0) == before && fuzzers::clipsIn(segment) == expected, "nothing is changed");
+                    continue;
+                }
+                checkWritten(segment, expected);
+                const std::string after = behind(segment, expected.size());
+                require(after == before.substr(before.size() - after.size()), "nothing is written behind the records");
+            }
+            break;
         }
     }
-    if (expected.size() > 1)
-        require(segment.bytes(kClipRecordsOffset + kClipBytesCopied, 3) == padding, "padding is never written");
+    for (std::size_t i = 0; i <= fuzzers::kMostRecords && !isCut; ++i)
+        require(segment.bytes(paddingAt(i), 3) == paddingOf(i), "padding is never written");
     require(fuzzers::isHarmless(errors.take()), "what is said is fit for a terminal");
     return 0;
 }

@@ -7,6 +7,7 @@
 #include "clip_finder.h"
 #include "fuzzers/hostile_segment.h"
 #include "media/media_cache.h"
+#include "media/segment_editing.h"
 #include "parameters.h"
 #include "tests/fakes/fakes.h"
 
@@ -61,6 +62,36 @@ void checkCopies(const fuzzers::HostileSegment& segment, const Contents& expecte
             "the playlists written back");
 }
 
+// What takeOutPlaylist promises, on a plain list: the first, in the order of the names, whose path occurs in `path`.
+bool takeOutPlainly(Playlists& playlists, const std::string& path) {
+    const auto named = std::find_if(playlists.begin(), playlists.end(), [&path](const auto& playlist) {
+        return path.find(fuzzers::firstField(playlist.second)) != std::string::npos;
+    });
+    if (named == playlists.end()) return false;
+    playlists.erase(named);
+    return true;
+}
+
+// What putPlaylist promises, on a plain list: by its name, instead of one of the same name.
+bool putPlainly(Playlists& playlists, const PlaylistCacheEntry& playlist) {
+    const std::string record = fuzzers::contentOf(playlist);
+    if (playlists.size() >= kPlaylistCapacity && !playlists.contains(nameOf(record))) return false;
+    playlists[nameOf(record)] = record;
+    return true;
+}
+
+// Changes the segment on memory of exactly its size, from where the outcome goes back into the segment.
+template <typename Change>
+bool changeCopy(fuzzers::HostileSegment& segment, Change change) {
+    static const std::unique_ptr<std::byte[]> bytes(new std::byte[kPlaylistSegmentSize]());
+    const std::size_t records = std::max(fuzzers::playlistsIn(segment).size(), fuzzers::kMostRecords);
+    const std::size_t end = std::min(kPlaylistRecordsOffset + kPlaylistStride * (records + 2), kPlaylistSegmentSize);
+    std::memcpy(bytes.get(), segment.at(0), end);
+    const bool result = change(bytes.get());
+    segment.put(0, bytes.get(), end);
+    return result;
+}
+
 void writeWhole(SharedSegments& segments, const std::map<std::string, PlaylistCacheEntry>& found) {
     std::list<PlaylistCacheEntry> playlists;
     for (const auto& [name, playlist] : found) playlists.push_back(playlist);
@@ -95,7 +126,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::map<std::string, PlaylistCacheEntry> found;
         cache.ReadPlaylistCacheFromSharedMemory(found);
         require(found.size() == expected.size(), "the cache has every playlist");
-        switch (input.byte() % 6) {
+        switch (input.byte() % 8) {
         case 0: {
             const std::string path = std::string(kFolder) + "/fuzzed.playlist";
             std::ofstream(path, std::ios::binary) << input.longText();
@@ -161,6 +192,37 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             require(readPlaylists().records.empty(), "nothing is read from it");
             segment.clear();
             expected.clear();
+            break;
+        }
+        case 6: {
+            const bool isCopy = (input.byte() & 1) != 0;
+            const std::string path = input.longText();
+            const std::string before = behind(segment, 0);
+            const bool isThere = takeOutPlainly(expected, path);
+            const bool isTakenOut =
+                isCopy ? changeCopy(segment, [&path](std::byte* bytes) { return takeOutPlaylist(bytes, path); })
+                       : cache.RemovePlaylist(path);
+            require(isTakenOut == isThere, "a playlist is taken out where there is one");
+            checkWritten(segment, expected);
+            const std::string after = behind(segment, expected.size());
+            require(after == before.substr(before.size() - after.size()), "nothing is written behind the records");
+            break;
+        }
+        case 7: {
+            PlaylistCacheEntry entry{};
+            fuzzers::fill(input, entry);
+            const Contents listed = fuzzers::playlistsIn(segment);
+            const std::string before = behind(segment, 0);
+            const bool hasRoom = putPlainly(expected, entry);
+            require(changeCopy(segment, [&entry](std::byte* bytes) { return putPlaylist(bytes, entry); }) == hasRoom,
+                    "a playlist is put in where there is room");
+            if (!hasRoom) {
+                require(behind(segment, 0) == before && fuzzers::playlistsIn(segment) == listed, "nothing is changed");
+                break;
+            }
+            checkWritten(segment, expected);
+            const std::string after = behind(segment, expected.size());
+            require(after == before.substr(before.size() - after.size()), "nothing is written behind the records");
             break;
         }
         }
