@@ -8,6 +8,7 @@
 #include <atomic>
 #include <boost/interprocess/exceptions.hpp>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <thread>
 
@@ -352,25 +353,36 @@ TEST_F(MediaCacheTest, ASegmentThatAnotherProgramCutShortIsAnErrorAndNoCrash) {
 }
 
 TEST_F(MediaCacheTest, WritersAndReadersOfManyThreadsNeverSeeHalfASegment) {
-    std::vector<std::thread> threads;
-    std::atomic<bool> sound{true};
+    constexpr std::size_t kClips = 9;
+    std::vector<std::thread> writers;
+    std::atomic<bool> sound{true}, seenBetween{false}, written{false};
     for (int t = 0; t < 3; ++t) {
         for (int i = 0; i < 3; ++i)
             makeClip("c" + std::to_string(t) + std::to_string(i) + ".mov", static_cast<std::uint32_t>(100 * t + i));
-        threads.emplace_back([this, t] {
-            for (int i = 0; i < 3; ++i) add(at("c" + std::to_string(t) + std::to_string(i) + ".mov"));
+        writers.emplace_back([this, t, &seenBetween] {
+            for (int i = 0; i < 3; ++i) {
+                add(at("c" + std::to_string(t) + std::to_string(i) + ".mov"));
+                // The reader, which may begin late, is to meet the writers at work.
+                for (int tries = 0; tries < 10'000 && !seenBetween; ++tries)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
         });
     }
-    threads.emplace_back([&sound] {
-        for (int i = 0; i < 20; ++i)
-            for (const Clip& clip : nevo::media::readClips().records)
+    std::thread reader([&sound, &seenBetween, &written] {
+        while (!written) {
+            const std::list<Clip> clips = nevo::media::readClips().records;
+            if (!clips.empty() && clips.size() < kClips) seenBetween = true;
+            for (const Clip& clip : clips)
                 if (clip.name[0] != 'c' || clip.frames != 5) sound = false;
+        }
     });
-    for (std::thread& thread : threads) thread.join();
+    for (std::thread& writer : writers) writer.join();
+    written = true;
+    reader.join();
+    EXPECT_TRUE(seenBetween);
     EXPECT_TRUE(sound);
-    // A clip may get lost between another's read and write, the layout may not.
     const Clips clips = RawSegment(kClipSegment).clips();
-    EXPECT_GE(clips.size(), 3U);
+    EXPECT_EQ(clips.size(), kClips) << "none gets lost between another's reading and writing";
     EXPECT_TRUE(std::is_sorted(clips.begin(), clips.end(), [](auto& a, auto& b) { return a.second < b.second; }));
 }
 

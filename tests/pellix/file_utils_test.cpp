@@ -622,10 +622,14 @@ TEST_F(LimitTest, LineHasTimeToEndByItself) {
 
 TEST_F(LimitTest, WhoDoesNotListenIsKilled) {
     LineLimits::ofProcess().grace = std::chrono::milliseconds(100);
-    EXPECT_EQ(runQuietly("trap '' TERM; echo $$ >/tmp/shell; sleep 1000").status, 124);
+    for (const char* file : {"/tmp/shell", "/tmp/tool"}) unlink(file);
+    EXPECT_EQ(runUntilReady("trap '' TERM; echo $$ >/tmp/shell; >/tmp/ready; sleep 1000").status, 124);
+    EXPECT_GT(writtenTo("/tmp/shell"), 0);
     EXPECT_FALSE(isThere(writtenTo("/tmp/shell")));
     // The shell goes at once; what it has started does not.
-    EXPECT_EQ(runQuietly("(trap '' TERM; echo $BASHPID >/tmp/tool; while :; do sleep 1000; done); :").status, 124);
+    EXPECT_EQ(
+        runUntilReady("(trap '' TERM; echo $BASHPID >/tmp/tool; >/tmp/ready; while :; do sleep 1000; done); :").status, 124);
+    EXPECT_GT(writtenTo("/tmp/tool"), 0);
     EXPECT_FALSE(isThere(writtenTo("/tmp/tool")));
 }
 
