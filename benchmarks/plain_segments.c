@@ -88,9 +88,7 @@ static size_t name_of(const char* path, const char** name) {
     return end == NULL ? strlen(*name) : (size_t)(end - *name);
 }
 
-static int compare(const char* a, const char* b) {
-    const char *name_a, *name_b;
-    const size_t size_a = name_of(a, &name_a), size_b = name_of(b, &name_b);
+static int compare(const char* name_a, size_t size_a, const char* name_b, size_t size_b) {
     const int order = memcmp(name_a, name_b, size_a < size_b ? size_a : size_b);
     return order != 0 ? order : (size_a > size_b) - (size_a < size_b);
 }
@@ -103,8 +101,12 @@ uint64_t plain_add_playlist(int segment, sem_t* lock, const void* record) {
     uint32_t count;
     memcpy(&count, bytes + 19, sizeof count);
     uint32_t place = 0;
-    const char* const first = (const char*)bytes + PLAYLIST_FRONT;
-    while (place < count && compare(first + (size_t)PLAYLIST_STRIDE * place, record) < 0) ++place;
+    const char *name, *its;
+    const size_t size = name_of(record, &name);
+    for (; place < count; ++place) {
+        const size_t its_size = name_of((const char*)bytes + PLAYLIST_FRONT + (size_t)PLAYLIST_STRIDE * place, &its);
+        if (compare(its, its_size, name, size) >= 0) break;
+    }
     unsigned char* const here = bytes + PLAYLIST_FRONT + (size_t)PLAYLIST_STRIDE * place;
     memmove(here + PLAYLIST_STRIDE, here, (size_t)PLAYLIST_STRIDE * (count - place));
     memcpy(here, record, PLAYLIST_STRIDE);
