@@ -96,6 +96,9 @@ class Start(World):
         self.assertIn(NAME + "Failed to create an Event class", daemon.lines())
 
     def test_a_listener_without_a_thread_ends_the_start(self):
+        with open(BUILD + "/daemon/mediad", "rb") as program:
+            if b"__ubsan_" in program.read():
+                self.skipTest("the undefined-behaviour sanitizer needs descriptors to look at a type")
         # The board file waits at the gate. Behind it there is one descriptor left, for the socket, and none for what wakes
         # the thread.
         os.mkfifo("/run/world/gate")
