@@ -40,6 +40,7 @@ std::uint32_t playlistCount(const std::byte* segment) {
 }
 
 void writeFront(std::byte* segment, const char* magic, std::size_t magicSize, std::uint32_t count) {
+    willWrite(magic);
     std::memcpy(segment, magic, magicSize);
     std::memcpy(segment + magicSize, &count, sizeof count);
 }
@@ -68,7 +69,10 @@ std::string_view pathOf(const std::byte* record) { return textAt(record, sizeof 
 std::string_view nameOfPlaylist(const std::byte* record) { return playlistNameIn(pathOf(record)); }
 
 // One record at a time, and of each no more than its own bytes: one move of the whole block would take the padding along.
-void copyClip(std::byte* to, const void* from) { std::memcpy(to, from, kClipBytesCopied); }
+void copyClip(std::byte* to, const void* from) {
+    willWrite(kClipMagic);
+    std::memcpy(to, from, kClipBytesCopied);
+}
 
 // The clips from `first` up to before `end` move one place on; the one at `end` is overwritten.
 void moveClipsUp(std::byte* segment, std::uint32_t first, std::uint32_t end) {
@@ -286,8 +290,10 @@ bool putPlaylist(std::byte* segment, const PlaylistCacheEntry& playlist) {
     if (!place.isThere) {
         if (count == kPlaylistCapacity) return false;
         // Without padding, the records can move as one block.
+        willWrite(kPlaylistMagic);
         std::memmove(here + kPlaylistStride, here, kPlaylistStride * (count - place.before));
     }
+    willWrite(kPlaylistMagic);
     std::memcpy(here, &playlist, kPlaylistStride);
     writeFront(segment, kPlaylistMagic, kPlaylistMagicSize, place.isThere ? count : count + 1);
     return true;
@@ -310,6 +316,7 @@ bool takeOutPlaylist(std::byte* segment, std::string_view path) {
     const bool found = first < count;
     if (found) {
         std::byte* const here = playlistAt(segment, first);
+        willWrite(kPlaylistMagic);
         std::memmove(here, here + kPlaylistStride, kPlaylistStride * (count - 1 - first));
         --count;
     }

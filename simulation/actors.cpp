@@ -129,6 +129,8 @@ void Actors::killerActs() {
     if (_life != nullptr && !_life->hasEnded()) {
         if (_world.random.chance(250)) {
             _life->terminate();
+        } else if (_world.random.chance(400)) {
+            _life->killAtRecord(1 + _world.random.below(12));
         } else {
             _world.note([] { return std::string("--- kill -9"); });
             _life->kill();

@@ -73,6 +73,12 @@ void DaemonLife::main() {
 // Between two records is where a killed daemon leaves a segment half written.
 void DaemonLife::writesRecord(const char* magic) {
     if (current == nullptr) return;
+    if (current->_killAtRecord > 0 && --current->_killAtRecord == 0)
+        current->_world.scheduler.after(0, [life = current] {
+            if (life != current) return;
+            life->_world.note([] { return std::string("--- kill -9"); });
+            life->kill();
+        });
     try {
         current->_world.scheduler.point();
     } catch (const DaemonGone&) {

@@ -4,6 +4,7 @@
 // One life of the daemon: the production code, started and ended in the order of daemon/main.cpp, behind the
 // simulation's doors.
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -31,6 +32,8 @@ public:
     int status() const { return _status; }
     // What the kernel does on kill -9.
     void kill();
+    // Does it in the middle of writing a segment, before the record of that number from now on.
+    void killAtRecord(std::uint64_t number) { _killAtRecord = number; }
     // A termination signal.
     void terminate();
 
@@ -57,6 +60,7 @@ private:
     bool _ended = false;
     bool _reaped = false;
     int _status = 0;
+    std::uint64_t _killAtRecord = 0; // 0: at none
     std::string _diedWriting; // which segment
 };
 

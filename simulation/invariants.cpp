@@ -378,8 +378,18 @@ void Invariants::diedWriting(const std::string& magic) {
         return;
     // Its way out has given the lock back, as a killed process does not.
     ::sem_trywait(view.mutex);
-    view.halfWritten = true;
-    view.seen = 0;
+    // What is half written may stay as it stands; whatever somebody makes of it is looked at.
+    view.seen = look(view);
+}
+
+std::uint64_t Invariants::look(const SegmentView& view) const {
+    using namespace nevo::media;
+    if (&view == &_clips) {
+        const auto count = numberAt<std::uint32_t>(view.bytes + kClipCountOffset);
+        return glance(view.bytes, kClipRecordsOffset, kClipStride, std::min<std::uint32_t>(count, kClipCapacity));
+    }
+    const auto count = numberAt<std::uint32_t>(view.bytes + kPlaylistCountOffset);
+    return glance(view.bytes, kPlaylistRecordsOffset, kPlaylistStride, std::min<std::uint32_t>(count, kPlaylistCapacity));
 }
 
 bool Invariants::isLocked(const SegmentView& view) const {
@@ -421,10 +431,9 @@ void Invariants::checkClipSegment() {
     const auto count = numberAt<std::uint32_t>(_clips.bytes + kClipCountOffset);
     const char* const name = "the clip segment is well formed";
     if (count > kClipCapacity) _world.fail(name, "it claims to hold " + std::to_string(count) + " clips");
-    const std::uint64_t seen = glance(_clips.bytes, kClipRecordsOffset, kClipStride, count);
+    const std::uint64_t seen = look(_clips);
     if (seen == _clips.seen) return;
     _clips.seen = seen;
-    if (std::exchange(_clips.halfWritten, false)) return;
     std::set<std::string> names;
     std::int32_t latest = INT32_MIN;
     for (std::uint32_t i = 0; i < count; ++i) {
@@ -449,10 +458,9 @@ void Invariants::checkPlaylistSegment() {
     const auto count = numberAt<std::uint32_t>(_playlists.bytes + kPlaylistCountOffset);
     const char* const name = "the playlist segment is well formed";
     if (count > kPlaylistCapacity) _world.fail(name, "it claims to hold " + std::to_string(count) + " playlists");
-    const std::uint64_t seen = glance(_playlists.bytes, kPlaylistRecordsOffset, kPlaylistStride, count);
+    const std::uint64_t seen = look(_playlists);
     if (seen == _playlists.seen) return;
     _playlists.seen = seen;
-    if (std::exchange(_playlists.halfWritten, false)) return;
     std::string last;
     for (std::uint32_t i = 0; i < count; ++i) {
         const std::uint8_t* const record = _playlists.bytes + kPlaylistRecordsOffset + kPlaylistStride * i;

@@ -190,7 +190,6 @@ private:
         std::size_t size = 0;
         std::uint64_t seen = 0; // of the last check
         sem_t* mutex = nullptr;
-        bool halfWritten = false; // until it is written anew
     };
 
     bool except(Exception exception);
@@ -205,6 +204,7 @@ private:
     bool announcementsAreUnreliable() const;
     bool map(SegmentView& view, const char* path, const char* mutex, std::size_t size);
     bool isLocked(const SegmentView& view) const;
+    std::uint64_t look(const SegmentView& view) const;
     void checkInUse(const SlotHardware& slot);
 
     World& _world;

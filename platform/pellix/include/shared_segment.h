@@ -69,9 +69,13 @@ inline std::list<Clip> clipsOf(const std::byte* segment, bool& written) {
     return clips;
 }
 
-// Called before each record that is written, with the lock held, and told which segment it is: simulation lets a daemon die
-// there.
+// Called before each record and each front that is written, here and where records are edited in place, with the lock held,
+// and told which segment it is: simulation lets a daemon die there.
 inline void (*beforeRecord)(const char* magic) = nullptr;
+
+inline void willWrite(const char* magic) {
+    if (beforeRecord != nullptr) beforeRecord(magic);
+}
 
 // Writes text, count and records. Records behind the new count and the padding of each keep the bytes they had. Clips
 // beyond the capacity are not written: refuse them before it comes to this.
@@ -82,7 +86,7 @@ inline void putClips(std::byte* segment, const std::list<Clip>& clips) {
     std::size_t i = 0;
     for (const Clip& clip : clips) {
         if (i == count) break;
-        if (beforeRecord != nullptr) beforeRecord(kClipMagic);
+        willWrite(kClipMagic);
         std::memcpy(segment + kClipRecordsOffset + kClipStride * i++, &clip, kClipBytesCopied);
     }
 }
@@ -104,7 +108,7 @@ inline void putPlaylists(std::byte* segment, const std::list<PlaylistCacheEntry>
     std::size_t i = 0;
     for (const PlaylistCacheEntry& playlist : playlists) {
         if (i == count) break;
-        if (beforeRecord != nullptr) beforeRecord(kPlaylistMagic);
+        willWrite(kPlaylistMagic);
         std::memcpy(segment + kPlaylistRecordsOffset + kPlaylistStride * i++, &playlist, kPlaylistStride);
     }
 }
