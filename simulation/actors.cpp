@@ -95,6 +95,8 @@ void Actors::makeCards() {
         default: medium.toolsUntilDeath = static_cast<int>(1 + random.below(60)); break;
         }
         if (!medium.formatted) continue;
+        // Beside the maker directory.
+        writeFile(medium.root() + "/x", "somebody else's", 0);
         if (random.chance(800)) medium.makeMakerDirectory();
         if (!isDirectory(medium.makerDirectory())) continue;
         for (std::uint64_t clips = random.below(7); clips > 0; --clips)
@@ -239,8 +241,13 @@ void Actors::clientActs() {
         break;
     case 7: case 8: postDeletion(); break;
     case 9: {
-        const std::string text = random.chance(500) ? "a setting" : "A001.mov|b.mov";
-        if (store.set("client", kParamRecordSetting1302, text) == kConfigOk) _world.invariants.deletionRequested(text);
+        // Its owner may say what he likes, and the store refuses only what would leave the quotes of a command line.
+        static const auto& settings = *new std::vector<std::string>{
+            "a setting", "A001.mov|b.mov", "../x", "..", "-rf", "-rf|..|A0", "/", "/etc/passwd", "../../x|b.mov",
+            ".uploads/README.txt", "$(reboot)", "a\"; reboot; \"", "`halt`", "\\"};
+        const std::string text = random.oneOf(settings);
+        if (store.set("client", kParamRecordSetting1302, text) == kConfigOk)
+            _world.invariants.deletionRequested(text, true);
         break;
     }
     case 10: store.set("client", kParamClipListMode, static_cast<int>(random.below(3))); break;

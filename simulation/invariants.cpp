@@ -98,7 +98,12 @@ void Invariants::unquotedText(const std::string& text) {
 }
 
 void Invariants::leavesMakerDirectory(const std::string& name) {
-    _world.fail("rm stays in the maker directory", name);
+    // A deletion request with such a name is refused where it enters the store.
+    const bool isSetting = std::any_of(_requests.begin(), _requests.end(), [&](const Request& each) {
+        return each.asSetting && each.names.contains(name);
+    });
+    if (!isSetting) _world.fail("rm stays in the maker directory", name);
+    except(Exception::DeletionLeavesDirectory);
 }
 
 // ---- Media
@@ -110,13 +115,14 @@ void Invariants::removesIn(const std::string& mountPoint, const Mount* mount) {
         _world.fail("rm runs only in the maker directory of the selected medium", mountPoint);
 }
 
-void Invariants::deletionRequested(const std::string& names) {
+void Invariants::deletionRequested(const std::string& names, bool asSetting) {
     Request request;
     std::istringstream stream(names);
     for (std::string name; std::getline(stream, name, '|');) request.names.insert(name);
     const Medium* const medium = mediumInUse();
     request.medium = medium == nullptr ? 0 : medium->number();
     request.when = _world.scheduler.now();
+    request.asSetting = asSetting;
     _requests.push_back(request);
 }
 

@@ -40,6 +40,7 @@ enum class Exception {
     EndpointThatStays,
     NameOfAnotherDisk,
     FilesOpenAcrossLives,
+    DeletionLeavesDirectory,
     Count,
 };
 
@@ -85,6 +86,9 @@ inline constexpr ExceptionText kExceptions[] = {
     {"files open across lives",
      "a daemon that is killed forgets that its medium was acquired; the next one unmounts it lazily before it mounts it, "
      "and what is then written to a file that stayed open can go with the device when the medium is released"},
+    {"deletion leaves the directory",
+     "a recording setting is read as a deletion request too; its owner may put a path there, and the command line takes every "
+     "name as it is"},
 };
 static_assert(sizeof kExceptions / sizeof kExceptions[0] == static_cast<std::size_t>(Exception::Count));
 
@@ -154,7 +158,7 @@ public:
     // --- Parameters
 
     void parameterSetByOthers(eParam_t id, int value);
-    void deletionRequested(const std::string& names);
+    void deletionRequested(const std::string& names, bool asSetting = false);
     // The daemon's own gets and sets.
     void parameterRead(eParam_t id, int value);
     void parameterWritten(eParam_t id, int value);
@@ -184,6 +188,7 @@ private:
         std::set<std::string> names;
         int medium; // that was in use at that moment; 0 for none
         Nanoseconds when;
+        bool asSetting; // which may name anything
     };
     struct SegmentView {
         const std::uint8_t* bytes = nullptr;

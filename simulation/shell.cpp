@@ -318,7 +318,8 @@ Shell::Answer Shell::remove(const std::string& directory, const std::string& arg
     std::vector<std::string> names = everything ? filesIn(folder) : *words;
     for (const std::string& name : names) {
         if (name.empty() || (everything && name.starts_with('.'))) continue;
-        if (name.find('/') != std::string::npos) _world.invariants.leavesMakerDirectory(name);
+        if (name.find('/') != std::string::npos || name == "..") _world.invariants.leavesMakerDirectory(name);
+        if (name.starts_with('/')) continue; // no medium's
         const std::string path = folder + "/" + name;
         if (isDirectory(path) || ::unlink(path.c_str()) != 0) continue;
         _world.note([&] { return "  " + mount->medium->name() + " loses " + name; });
