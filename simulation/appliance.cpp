@@ -173,7 +173,10 @@ void Appliance::diskAppears(SlotHardware& slot) {
     for (char letter = 'a';; ++letter) {
         const std::string name = std::string("sd") + letter;
         if (disk(name) != nullptr || isMounted(name)) continue;
-        _disks.push_back({name, &slot, slot.medium, ++_lastSerial, _world.scheduler.now()});
+        const auto before = std::find_if(_vanished.rbegin(), _vanished.rend(),
+                                         [&](const auto& each) { return each.first == name; });
+        _disks.push_back({name, &slot, slot.medium, ++_lastSerial, _world.scheduler.now(),
+                          before == _vanished.rend() ? nullptr : before->second});
         std::erase_if(_vanished, [&](const auto& each) { return each.first == name; });
         _files["/etc/endpoint.conf." + name] = slot.name;
         _world.note([&] { return "kernel: " + name + " appears in " + slot.name; });

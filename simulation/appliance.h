@@ -41,6 +41,7 @@ struct Disk {
     Medium* medium;
     int serial;
     Nanoseconds since; // when it appeared
+    const SlotHardware* nameBefore; // the slot whose disk had the name last; null where none had
     bool pulled = false; // the kernel has not noticed yet
 };
 
@@ -53,6 +54,7 @@ struct Mount {
     bool inherited = false; // made by a daemon that is gone
     bool stays = false;     // it could not be unmounted, or did not get its scheduler
     bool guarded = false;   // its links lead nowhere
+    bool unmountFailed = false; // the tool did
     std::string line() const;
 };
 
@@ -110,6 +112,9 @@ public:
     void daemonEnds();
     void lastMountStays() {
         if (!_mounts.empty()) _mounts.back().stays = true;
+    }
+    void unmountFails(const std::string& mountPoint) {
+        if (Mount* const mount = mountAt(mountPoint)) mount->unmountFailed = mount->stays = true;
     }
     Mount* mountAt(const std::string& mountPoint);
     bool isMounted(const std::string& disk) const;

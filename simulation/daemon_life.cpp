@@ -127,4 +127,8 @@ int DaemonLife::commandedLED(eStorageSlot_t slot) const {
     return 0;
 }
 
+std::string DaemonLife::deviceOf(eStorageSlot_t slot) const {
+    return _listener == nullptr ? std::string() : _listener->getSlot(slot).readAnnouncement().devname;
+}
+
 } // namespace simulation

@@ -39,6 +39,8 @@ public:
 
     // What the slot's LED was told last; 0 when it was told nothing.
     int commandedLED(eStorageSlot_t slot) const;
+    // The disk that it takes for the slot's; empty where it knows of none.
+    std::string deviceOf(eStorageSlot_t slot) const;
     std::size_t flashers() const { return _system.flashing().size(); }
 
     // Threads may end the process: die.

@@ -145,7 +145,7 @@ void Invariants::deletesDisk(const Disk& disk) {
     if (disk.medium->isDead() || !disk.medium->hasUnwritten(_world.scheduler.now())) return;
     if (disk.medium->openAcrossLives)
         except(Exception::FilesOpenAcrossLives);
-    else if (disk.slot != selectedSlot() && announcementsAreUnreliable())
+    else if (announcementsAreUnreliable() && isTakenForAnother(disk))
         except(Exception::NameOfAnotherDisk);
     else
         _world.fail("what was written is on the medium before its disk is deleted", disk.medium->name());
@@ -193,13 +193,16 @@ void Invariants::unmounts(const std::string& mountPoint) {
 void Invariants::repairStarts(const std::string& node) {
     const std::string disk = node.size() > 6 ? node.substr(5, node.size() - 6) : "";
     if (!_world.appliance.isMounted(disk)) return;
-    if (_world.temper.toolFaults > 0 && _world.faults)
+    const auto& mounts = _world.appliance.mounts();
+    if (std::all_of(mounts.begin(), mounts.end(),
+                    [&](const Mount& each) { return each.disk != disk || each.unmountFailed; }))
         except(Exception::UncheckedAfterFailedUnmount);
     else
         _world.fail("a repair runs on what is not mounted", node);
 }
 
-void Invariants::writesBelowMountPoint(const std::string& /*mountPoint*/) {
+void Invariants::writesBelowMountPoint(const std::string& mountPoint) {
+    if (!_formatRunning) _world.fail("directories are made on media, not below them", mountPoint);
     except(Exception::DirectoriesBelowMountPoint);
 }
 
@@ -220,10 +223,18 @@ bool Invariants::announcementsAreUnreliable() const {
     return _world.temper.announcementLoss > 0 || _world.temper.announcementDelay > 500 * kMillisecond;
 }
 
+bool Invariants::isTakenForAnother(const Disk& disk) const {
+    if (_world.life == nullptr) return false;
+    for (const SlotHardware& each : _world.appliance.slots())
+        if (&each != disk.slot && _world.life->deviceOf(each.id) == disk.name) return true;
+    const bool wasAnothers = disk.nameBefore != nullptr && disk.nameBefore != disk.slot;
+    return wasAnothers && _world.life->deviceOf(disk.slot->id) != disk.name;
+}
+
 void Invariants::touchesOffered(const std::string& disk) {
     if (_world.endpoint.isDefiant())
         except(Exception::EndpointThatStays);
-    else if (announcementsAreUnreliable())
+    else if (announcementsAreUnreliable() && isTakenForAnother(*_world.appliance.disk(disk)))
         except(Exception::NameOfAnotherDisk);
     else
         _world.fail("no medium is the recorder's and the endpoint's", "the endpoint has " + disk);
@@ -365,6 +376,9 @@ void Invariants::parameterWritten(eParam_t id, int value) {
             --_formatsRequested;
         }
         break;
+    case kParamMediaChangedTime:
+        ++_stamps[value];
+        break;
     default:
         break;
     }
@@ -497,18 +511,17 @@ void Invariants::checkPublished() {
         const auto slot = selectedSlot();
         if (slot == nullptr || mountPoint != "/mnt/" + slot->name)
             _world.fail(name, path + " is published, and another slot is selected");
-        if (_world.temper.toolFaults > 0) return;
         // Mounted for use, and not only for a look.
         const auto link = _world.appliance.files().find(kWebLink);
-        if (link == _world.appliance.files().end() || link->second != path)
+        if (!_linkFailed && (link == _world.appliance.files().end() || link->second != path))
             _world.fail("the web link points at the medium in use", path);
         if (!mount->dead && isDirectory(mount->medium->makerDirectory()) && _world.appliance.watch() == -1)
             _world.fail("the medium in use is watched", path);
         return;
     }
     for (const Mount& each : _world.appliance.mounts()) {
-        const bool explained = each.readOnly || each.inherited || each.dead || each.stays ||
-                               each.medium->isDead() || _world.temper.toolFaults > 0;
+        const bool explained =
+            each.readOnly || each.inherited || each.dead || each.stays || each.medium->isDead();
         if (!explained && _otherSlotUnmounted) {
             except(Exception::UnmountOfAnotherSlot);
             continue;
@@ -612,33 +625,49 @@ void Invariants::checkInUse(const SlotHardware& slot) {
     if (_world.life == nullptr || _world.life->commandedLED(slot.id) != 1)
         _world.fail(name, "the LED of " + slot.name + " is not lit");
 
-    // The clips of the medium, by what their files are called.
-    std::set<std::string> files;
-    std::set<std::string> unusable;
+    // The clips of the medium, by what their files are called: when they were made, and how long they are.
+    using Clips = std::map<std::string, std::pair<std::int32_t, std::uint32_t>>;
+    Clips files;
+    std::map<std::string, std::string> unusable; // clip and file
     for (const std::string& file : filesIn(medium.makerDirectory())) {
         const std::string full = path + "/" + file;
         Clip clip{};
         const bool isClip = full.find(".mov") != std::string::npos || full.find(".MOV") != std::string::npos;
         if (isClip && nevo::media::ClipExaminer::GrokClip(clip, medium.makerDirectory() + "/" + file, false))
-            files.insert(nevo::media::fieldText(clip.name));
+            files[nevo::media::fieldText(clip.name)] = {clip.time, clip.frames};
         else if (isClip)
-            unusable.insert(nevo::media::ClipExaminer::clipName(file));
+            unusable[nevo::media::ClipExaminer::clipName(file)] = file;
     }
-    std::set<std::string> clips;
+    Clips clips;
     if (map(_clips, kClipSegment, kClipMutex, nevo::media::kClipSegmentSize) &&
         std::memcmp(_clips.bytes, nevo::media::kClipMagic, nevo::media::kClipMagicSize) == 0) {
         const auto count = numberAt<std::uint32_t>(_clips.bytes + nevo::media::kClipCountOffset);
-        for (std::uint32_t i = 0; i < count && i < nevo::media::kClipCapacity; ++i)
-            clips.insert(text(_clips.bytes + nevo::media::kClipRecordsOffset + nevo::media::kClipStride * i, 4096));
+        for (std::uint32_t i = 0; i < count && i < nevo::media::kClipCapacity; ++i) {
+            const std::uint8_t* const record = _clips.bytes + nevo::media::kClipRecordsOffset + nevo::media::kClipStride * i;
+            clips[text(record, sizeof Clip::name)] = {numberAt<std::int32_t>(record + offsetof(Clip, time)),
+                                                      numberAt<std::uint32_t>(record + offsetof(Clip, frames))};
+        }
     }
+    // One stamp of the second in which the file became unusable may have been followed up before it did.
+    const auto stampedTwice = [&](const std::string& file) {
+        const auto changed = medium.changedIn.find(file);
+        if (changed == medium.changedIn.end()) return false;
+        const auto stamps = _stamps.find(static_cast<int>(_world.time() - _world.scheduler.now() / kSecond + changed->second));
+        return stamps != _stamps.end() && stamps->second > 1;
+    };
     std::string difference;
-    for (const std::string& each : files)
-        if (!clips.contains(each)) difference += " missing \"" + each + "\"";
-    for (const std::string& each : clips) {
+    for (const auto& [each, facts] : files) {
+        const auto listed = clips.find(each);
+        if (listed == clips.end())
+            difference += " missing \"" + each + "\"";
+        else if (listed->second != facts)
+            difference += " as it was before \"" + each + "\"";
+    }
+    for (const auto& [each, facts] : clips) {
         if (files.contains(each)) continue;
         if (medium.renamedAway.contains(each))
             except(Exception::ClipRenamedAway);
-        else if (unusable.contains(each))
+        else if (unusable.contains(each) && stampedTwice(unusable[each]))
             except(Exception::TwoChangesInASecond);
         else
             difference += " gone \"" + each + "\"";

@@ -62,7 +62,7 @@ inline constexpr ExceptionText kExceptions[] = {
     {"nothing published but mounted",
      "a read-only mount, a mount without its scheduler and one that could not be unmounted stay, unpublished"},
     {"unmount of another slot",
-     "there is one mounted flag: unmounting what a killed daemon left in another slot takes the medium in use out of use, "
+     "there is one mounted flag: unmounting what was left in another slot, or trying to, takes the medium in use out of use, "
      "and the next pass mounts it again"},
     {"bad medium keeps selection",
      "an unformatted or damaged medium stays selected, so that it can be formatted; another slot's has to wait"},
@@ -134,6 +134,8 @@ public:
     void writesTo(const Mount& mount);
     // What was written to a medium is on it before the daemon takes its disk off the bus.
     void deletesDisk(const Disk& disk);
+    // The web link is made, unless the tool fails.
+    void links(bool worked) { _linkFailed = !worked; }
     // The daemon itself removes nothing but the web link and the flag of the last access.
     void unlinks(const std::string& path);
 
@@ -207,6 +209,8 @@ private:
     void checkLEDs();
     void checkFirewire();
     bool announcementsAreUnreliable() const;
+    // Whether the daemon uses the disk's name for another slot, or may without knowing that the kernel has given it away.
+    bool isTakenForAnother(const Disk& disk) const;
     bool map(SegmentView& view, const char* path, const char* mutex, std::size_t size);
     bool isLocked(const SegmentView& view) const;
     std::uint64_t look(const SegmentView& view) const;
@@ -219,6 +223,8 @@ private:
     std::map<std::string, std::string> _checkedNodes; // node: medium and how
     std::map<eParam_t, int> _lastRead;                // of the alarm words
     bool _otherSlotUnmounted = false;                 // since a path was published
+    bool _linkFailed = false;                         // the last attempt to make it
+    std::map<int, int> _stamps;                       // how often a change was stamped with that second
     enum class Access { None, Offered, Paused };
     Access _access = Access::None;
     eStorageSlot_t _accessSlot = eStorageSlotUnknown;

@@ -48,11 +48,17 @@ void Medium::format(const std::string& name) {
     usedPercent = 1;
     volumeName = name;
     renamedAway.clear();
+    changedIn.clear();
     synced();
 }
 
 void Medium::changes(Nanoseconds now) {
     if (!leaves && !hasUnwritten(now)) unwrittenSince = now;
+}
+
+void Medium::made(const std::string& file, Nanoseconds now) {
+    renamedAway.erase(file.substr(0, file.rfind('.')));
+    changedIn[file] = now / kSecond;
 }
 
 void Medium::closed() {

@@ -136,7 +136,9 @@ Shell::Answer Shell::run(const std::string& line) {
             return makeFileSystem(rest->substr(0, end), rest->substr(end + 5));
     }
     if (const auto path = between(line, "ln -s ", " /var/www/media"); path && isPlain(*path)) {
-        if (!tool("ln", 0)) return {kToolFailed, ""};
+        const bool worked = tool("ln", 0);
+        invariants.links(worked);
+        if (!worked) return {kToolFailed, ""};
         const bool isNew = _world.appliance.files().emplace("/var/www/media", *path).second;
         return {isNew ? 0 : kToolFailed, ""};
     }
@@ -284,8 +286,12 @@ Shell::Answer Shell::mount(const std::string& node, const std::string& mountPoin
 }
 
 Shell::Answer Shell::unmount(const std::string& mountPoint, bool lazy) {
-    if (!tool("umount", 10 * kMillisecond)) return {32, ""};
+    const bool worked = tool("umount", 10 * kMillisecond);
     _world.invariants.unmounts(mountPoint);
+    if (!worked) {
+        _world.appliance.unmountFails(mountPoint);
+        return {32, ""};
+    }
     return {_world.appliance.unmount(mountPoint, lazy), ""};
 }
 
