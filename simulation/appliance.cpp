@@ -47,6 +47,7 @@ Appliance::Appliance(World& world) : _world(world) {
         slot.ledBit = static_cast<unsigned int>(i);
         slot.ledParameter = 0x7b05010a + 0x100 * static_cast<eParam_t>(i);
         _slots.push_back(slot);
+        removeTree(unmountedFolder("/mnt/" + slot.name));
     }
 }
 

@@ -1,6 +1,8 @@
 #include "simulation/daemon_life.h"
 
+#include <algorithm>
 #include <cstring>
+#include <set>
 
 #include "classes/die/die.h"
 #include "classes/diagnostics/diagnostics.h"
@@ -20,6 +22,18 @@ void die(const char* message) {
 }
 
 int leaveMain(int status) { return status; }
+
+namespace {
+
+// The manager shows its flag to nobody. Access is not checked where a template is instantiated by hand.
+template <bool MediaManager::*flag>
+struct Shown {
+    friend bool flagOf(const MediaManager& manager) { return manager.*flag; }
+};
+bool flagOf(const MediaManager& manager);
+template struct Shown<&MediaManager::_mounted>;
+
+} // namespace
 
 namespace simulation {
 
@@ -92,7 +106,7 @@ void DaemonLife::kill() {
     _reaped = true;
     const bool orderly = _ended && _status == 0;
     // Nobody waits for a light that flashes for ever.
-    for (SlotLEDRegister* led : _system.flashing()) led->setStatus(eStorageLEDOff);
+    for (SlotLED* led : _system.flashing()) led->setStatus(eStorageLEDOff);
     _world.scheduler.killDaemon();
     if (!_diedWriting.empty()) _world.invariants.diedWriting(_diedWriting);
     _manager.reset();
@@ -126,6 +140,14 @@ int DaemonLife::commandedLED(eStorageSlot_t slot) const {
         return led->getStatus() == SlotLED::kNeverCommanded ? 0 : static_cast<int>(led->getStatus());
     return 0;
 }
+
+bool DaemonLife::isFlashing(eStorageSlot_t slot) const {
+    if (_listener == nullptr) return false;
+    const std::set<SlotLED*> leds = _listener->getSlot(slot).getLEDs();
+    return std::any_of(leds.begin(), leds.end(), [this](SlotLED* led) { return _system.flashing().contains(led); });
+}
+
+bool DaemonLife::isMediumMounted() const { return _manager != nullptr && flagOf(*_manager); }
 
 std::string DaemonLife::deviceOf(eStorageSlot_t slot) const {
     return _listener == nullptr ? std::string() : _listener->getSlot(slot).readAnnouncement().devname;

@@ -41,7 +41,10 @@ public:
     int commandedLED(eStorageSlot_t slot) const;
     // The disk that it takes for the slot's; empty where it knows of none.
     std::string deviceOf(eStorageSlot_t slot) const;
-    std::size_t flashers() const { return _system.flashing().size(); }
+    // Whether a thread flashes it, which may be on its way out.
+    bool isFlashing(eStorageSlot_t slot) const;
+    // What it remembers: the medium in use is mounted for writing.
+    bool isMediumMounted() const;
 
     // Threads may end the process: die.
     [[noreturn]] void exitNow(int status);

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <utility>
 
 #include "media_manager/media_manager.h"
 #include "parameters.h"
@@ -57,11 +58,13 @@ int DoorConfig::getInteger(eParam_t id, int* value) {
     if (!_world.scheduler.point(!isSetByDestructor(id))) return kConfigOk;
     const int status = _world.store.engine().getInteger(id, *value);
     _world.invariants.parameterRead(id, *value);
+    _world.invariants.checkSegments();
     return status;
 }
 
 int DoorConfig::setString(eParam_t id, std::string value) {
     if (!_world.scheduler.point()) return kConfigOk;
+    _world.invariants.storeUsed();
     if (id == kParamStoragePath) _world.invariants.pathWritten(value);
     const int status = _world.store.engine().setString(id, value);
     _world.note([&] { return std::string("set ") + parameterName(id) + " \"" + value + "\""; });
@@ -72,6 +75,7 @@ int DoorConfig::setString(eParam_t id, std::string value) {
 
 int DoorConfig::getString(eParam_t id, std::string& value) {
     if (!_world.scheduler.point()) return kConfigOk;
+    _world.invariants.storeUsed();
     return _world.store.engine().getString(id, value);
 }
 
@@ -80,8 +84,24 @@ DoorChannel::DoorChannel(World& world) : _world(world), _channel(world.store.eng
 void DoorChannel::addListener(ConfigEvents* listener) {
     if (!_world.scheduler.point()) return;
     _world.note([] { return std::string("listens"); });
-    _channel.addListener(listener);
+    _overhearing = std::make_unique<Overhearing>(_world, listener);
+    _channel.addListener(_overhearing.get());
 }
+
+void DoorChannel::Overhearing::ParamChanged(eParam_t id, unsigned int value, timeval when) {
+    _world.invariants.eventArrives(id, static_cast<int>(value));
+    _listener->ParamChanged(id, value, when);
+}
+
+void DoorChannel::Overhearing::ParamChanged(eParam_t id, std::string value, timeval when) {
+    _listener->ParamChanged(id, std::move(value), when);
+}
+
+bool DoorChannel::Overhearing::DataChanged(eParam_t id, std::string& data, timeval when) {
+    return _listener->DataChanged(id, data, when);
+}
+
+void DoorChannel::Overhearing::ParamChanged(ConfigEvent event) { _listener->ParamChanged(std::move(event)); }
 
 // ---- Registers
 
@@ -198,7 +218,7 @@ int DoorSystem::startThread(ThreadKind /*kind*/, void* (*body)(void*), void* arg
     const bool flasher = body == &SlotLEDRegister::runFlasherThread;
     const bool loop = body == &MediaManager::RunCommandThread;
     const char* const name = flasher ? "flasher" : loop ? "loop" : "hot-plug";
-    auto* const led = flasher ? static_cast<SlotLEDRegister*>(argument) : nullptr;
+    SlotLED* const led = flasher ? static_cast<SlotLEDRegister*>(argument) : nullptr;
     if (flasher) _flashing.insert(led);
     const Scheduler::ThreadId id = _world.scheduler.start(
         name, flasher ? Scheduler::Unwinding::Returns : Scheduler::Unwinding::Throws, [this, body, argument, led] {
@@ -231,7 +251,7 @@ int DoorSystem::waitSemaphore(sem_t* semaphore) {
 int DoorSystem::postSemaphore(sem_t* semaphore) {
     const int result = OperatingSystem::postSemaphore(semaphore);
     _world.scheduler.wake(semaphore);
-    _world.scheduler.point(false); // destructors post
+    if (_world.scheduler.point(false)) _world.invariants.checkSegments(); // destructors post
     return result;
 }
 

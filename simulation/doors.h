@@ -4,6 +4,7 @@
 // What stands behind the daemon's doors in the simulation. Each operation is an effect: it passes Scheduler::point(),
 // does what the appliance would do, and leaves a line in the trace.
 
+#include <memory>
 #include <set>
 #include <string>
 
@@ -16,7 +17,7 @@
 #include "simulation/store.h"
 #include "slots/card.h"
 
-class SlotLEDRegister;
+class SlotLED;
 
 namespace simulation {
 
@@ -41,7 +42,22 @@ public:
     void addListener(ConfigEvents* listener) override;
 
 private:
+    // Hears each event before the daemon does.
+    class Overhearing : public ConfigEvents {
+    public:
+        Overhearing(World& world, ConfigEvents* listener) : _world(world), _listener(listener) {}
+        void ParamChanged(eParam_t id, unsigned int value, timeval when) override;
+        void ParamChanged(eParam_t id, std::string value, timeval when) override;
+        bool DataChanged(eParam_t id, std::string& data, timeval when) override;
+        void ParamChanged(ConfigEvent event) override;
+
+    private:
+        World& _world;
+        ConfigEvents* const _listener;
+    };
+
     World& _world;
+    std::unique_ptr<Overhearing> _overhearing; // as long as the channel, which calls it
     StoreChannel<StoreEngine> _channel;
 };
 
@@ -109,7 +125,7 @@ public:
     int close(int descriptor) override;
 
     // The LEDs that have a flasher at this moment.
-    const std::multiset<SlotLEDRegister*>& flashing() const { return _flashing; }
+    const std::multiset<SlotLED*>& flashing() const { return _flashing; }
 
 private:
     void pause(long long nanoseconds);
@@ -118,7 +134,7 @@ private:
     Shell _shell;
     Scheduler::ThreadId _loopThread = Scheduler::kNobody;
     bool _woken = false;
-    std::multiset<SlotLEDRegister*> _flashing;
+    std::multiset<SlotLED*> _flashing;
 };
 
 } // namespace simulation

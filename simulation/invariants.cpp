@@ -157,10 +157,15 @@ void Invariants::deletionRan() {
     std::erase_if(_requests, [&](const Request& each) { return each.when < old; });
 }
 
+void Invariants::formatBegins(const std::string& what) {
+    if (!_formatStood) _world.fail("a format runs only when it was requested", what);
+    _formatRunning = true;
+    _formatStands = _formatStood = false; // each is good for one
+}
+
 void Invariants::formats(const std::string& disk, const char* tool) {
     const std::string what = std::string(tool) + " on \"" + disk + "\"";
-    if (_formatsRequested == 0) _world.fail("a format runs only when it was requested", what);
-    _formatRunning = true;
+    if (!_formatRunning) formatBegins(what); // where no slot is selected it shows no progress
     const SlotHardware* const slot = selectedSlot();
     const Disk* const target = _world.appliance.disk(disk);
     if (target == nullptr) return; // gone in this very moment, or there never was one: the tool fails
@@ -344,22 +349,26 @@ void Invariants::computerIsServed(const SlotHardware& slot) {
 
 // ---- Parameters
 
-void Invariants::parameterSetByOthers(eParam_t id, int value) {
+void Invariants::eventArrives(eParam_t id, int value) {
     constexpr int kErase = 4;
-    if (id == kParamMediaCommand && value == kErase) ++_formatsRequested;
+    if (id != kParamMediaCommand) return;
+    _formatStands = value == kErase;
+    _formatStood = _formatStood || _formatStands;
 }
 
-void Invariants::parameterRead(eParam_t id, int value) {
-    if (id == kParamAlarms || id == kParamExtendedAlarms) _lastRead[id] = value;
-}
+void Invariants::parameterRead(eParam_t id, int value) { _lastRead[_world.scheduler.current()] = {id, value}; }
+
+void Invariants::storeUsed() { _lastRead.erase(_world.scheduler.current()); }
 
 void Invariants::parameterWritten(eParam_t id, int value) {
+    const auto read = std::exchange(_lastRead[_world.scheduler.current()], {0, 0});
     switch (id) {
     case kParamAlarms:
     case kParamExtendedAlarms: {
+        if (read.first != id) _world.fail("an alarm word is read right before it is written", std::to_string(value));
         // Against what the daemon has read: between its reading and its writing others may change the word, and nobody
         // has promised anything for that moment.
-        const auto before = static_cast<unsigned int>(_lastRead[id]);
+        const auto before = static_cast<unsigned int>(read.second);
         const auto after = static_cast<unsigned int>(value);
         const unsigned int raised = after & ~before;
         const unsigned int cleared = before & ~after;
@@ -371,10 +380,10 @@ void Invariants::parameterWritten(eParam_t id, int value) {
         break;
     }
     case kParamProgressStatus:
-        if (value == 0 && _formatRunning) {
+        if (value == 0)
             _formatRunning = false;
-            --_formatsRequested;
-        }
+        else
+            formatBegins("progress " + std::to_string(value));
         break;
     case kParamMediaChangedTime:
         ++_stamps[value];
@@ -494,6 +503,7 @@ void Invariants::checkPlaylistSegment() {
 }
 
 void Invariants::passEnds() {
+    _formatStood = _formatStands;
     checkPublished();
     checkProgress();
     checkLEDs();
@@ -503,6 +513,8 @@ void Invariants::passEnds() {
 void Invariants::checkPublished() {
     const std::string path = _world.store.text(kParamStoragePath);
     const char* const name = "published path and mount table agree";
+    if (_world.life != nullptr && _world.life->isMediumMounted() == path.empty())
+        _world.fail("the mounted flag and the published path agree", path.empty() ? "nothing is published" : path);
     if (!path.empty()) {
         const std::string mountPoint = path.substr(0, path.rfind('/'));
         const Mount* const mount = _world.appliance.mountAt(mountPoint);
@@ -544,7 +556,7 @@ void Invariants::checkLEDs() {
         const std::string what = slot.name + " was told " + std::to_string(wanted);
         if (slot.ledIsParameter) {
             if (_world.store.integer(slot.ledParameter) != wanted) _world.fail("an LED shows what it was told", what);
-        } else if (_world.life->flashers() == 0) {
+        } else if (!_world.life->isFlashing(slot.id)) {
             if (wanted == 2 || lit != (wanted == 1)) _world.fail("an LED shows what it was told", what);
         }
     }
@@ -557,8 +569,8 @@ void Invariants::daemonEnds(bool orderly) {
         _world.fail("no endpoint is left behind", "the daemon has ended, and it runs");
     _access = Access::None;
     _wrongDisk = _toldToEnd = _looked = _firewireSteps = false;
-    _formatsRequested = 0;
-    _formatRunning = false;
+    _formatStands = _formatStood = _formatRunning = false;
+    _lastRead.clear();
     _requests.clear();
     _checkedNodes.clear();
 }

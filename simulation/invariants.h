@@ -11,9 +11,11 @@
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "config_events.h"
+#include "simulation/scheduler.h"
 #include "simulation/trace.h"
 #include "slots/storage_slot.h"
 
@@ -159,10 +161,12 @@ public:
 
     // --- Parameters
 
-    void parameterSetByOthers(eParam_t id, int value);
     void deletionRequested(const std::string& names, bool asSetting = false);
-    // The daemon's own gets and sets.
+    // On its way to the daemon.
+    void eventArrives(eParam_t id, int value);
+    // The daemon's own gets and sets, and those of texts.
     void parameterRead(eParam_t id, int value);
+    void storeUsed();
     void parameterWritten(eParam_t id, int value);
     void pathWritten(const std::string& path);
 
@@ -200,6 +204,7 @@ private:
     };
 
     bool except(Exception exception);
+    void formatBegins(const std::string& what);
     const SlotHardware* selectedSlot() const;
     const Medium* mediumInUse() const;
     void checkClipSegment();
@@ -218,10 +223,13 @@ private:
 
     World& _world;
     std::vector<Request> _requests;
-    int _formatsRequested = 0;
+    // The last command that the daemon has heard of is a format that it has not begun yet; or was, at some time in this pass.
+    bool _formatStands = false;
+    bool _formatStood = false;
     bool _formatRunning = false;
     std::map<std::string, std::string> _checkedNodes; // node: medium and how
-    std::map<eParam_t, int> _lastRead;                // of the alarm words
+    // By thread: the integer that it has read, where that was the last thing it did with the store.
+    std::map<Scheduler::ThreadId, std::pair<eParam_t, int>> _lastRead;
     bool _otherSlotUnmounted = false;                 // since a path was published
     bool _linkFailed = false;                         // the last attempt to make it
     std::map<int, int> _stamps;                       // how often a change was stamped with that second

@@ -1,6 +1,7 @@
 #include "simulation/shell.h"
 
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -263,7 +264,11 @@ Shell::Answer Shell::makeDirectories(const std::string& mountPoint) {
     if (isDirectory(maker + "/.uploads")) return {};
     Mount* const mount = _world.appliance.mountAt(mountPoint);
     if (mount == nullptr) _world.invariants.writesBelowMountPoint(mountPoint);
-    if (mount == nullptr || mount->dead || mount->readOnly || mount->medium->isDead()) return {kToolFailed, ""};
+    if (mount == nullptr) {
+        ::mkdir(maker.c_str(), 0755);
+        return {::mkdir((maker + "/.uploads").c_str(), 0755) == 0 ? 0 : kToolFailed, ""};
+    }
+    if (mount->dead || mount->readOnly || mount->medium->isDead()) return {kToolFailed, ""};
     _world.invariants.writesTo(*mount);
     mount->medium->makeMakerDirectory();
     return {};
@@ -272,9 +277,15 @@ Shell::Answer Shell::makeDirectories(const std::string& mountPoint) {
 Shell::Answer Shell::writeReadme(const std::string& mountPoint) {
     if (!tool("echo", 0)) return {kToolFailed, ""};
     const Mount* const mount = _world.appliance.mountAt(mountPoint);
-    if (mount == nullptr || mount->dead || mount->readOnly || mount->medium->isDead()) return {kToolFailed, ""};
-    _world.invariants.writesTo(*mount);
-    writeFile(mount->medium->makerDirectory() + "/.uploads/README.txt", "", _world.scheduler.now());
+    const std::string uploads = _world.appliance.folderAt(mountPoint) + "/NEVO/.uploads";
+    if (!isDirectory(uploads)) return {kToolFailed, ""};
+    if (mount == nullptr)
+        _world.invariants.writesBelowMountPoint(mountPoint);
+    else if (mount->dead || mount->readOnly || mount->medium->isDead())
+        return {kToolFailed, ""};
+    else
+        _world.invariants.writesTo(*mount);
+    writeFile(uploads + "/README.txt", "", _world.scheduler.now());
     return {};
 }
 

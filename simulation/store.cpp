@@ -38,7 +38,6 @@ eConfigStatus_t SimulatedStore::set(const char* who, eParam_t id, int value) {
         return std::string(who) + " sets " + parameterName(id) + " " + std::to_string(value) +
                (status == kConfigOk ? "" : ", refused");
     });
-    _world.invariants.parameterSetByOthers(id, value);
     wakeDelivery();
     return status;
 }
