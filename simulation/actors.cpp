@@ -28,6 +28,14 @@ const std::vector<std::string>& volumeNames() {
     return names;
 }
 
+// What somebody may have called a file, for a shell or a terminal to trip over.
+const std::vector<std::string>& hostileFileNames() {
+    static const auto& names = *new std::vector<std::string>{
+        "a\"; halt; \".mov", "$(halt).mov", "`halt`.mov", "\x1b[2J\x07.mov", "-rf.mov", "a\nb.mov", "%s%n.mov",
+        "$(halt).playlist", "\x1b]0;x\x07.playlist", "\xff\xfe.mov"};
+    return names;
+}
+
 } // namespace
 
 Actors::Actors(World& world) : _world(world) {}
@@ -103,6 +111,11 @@ void Actors::makeCards() {
             writeFile(medium.makerDirectory() + "/" + someNewClip() + ".mov",
                       clipBytes(static_cast<std::uint32_t>(1'600'000'000 + random.below(100)), 4), 0);
         if (random.chance(300)) writeFile(medium.makerDirectory() + "/broken.mov", "not a clip", 0);
+        if (random.chance(200)) {
+            const std::string& name = random.oneOf(hostileFileNames());
+            writeFile(medium.makerDirectory() + "/" + name,
+                      name.ends_with(".mov") ? clipBytes(1'600'000'200, 4) : playlistBytes("x", {"A01"}), 0);
+        }
         if (random.chance(300))
             writeFile(medium.makerDirectory() + "/day.playlist", playlistBytes("day", filesIn(medium.makerDirectory())), 0);
     }
@@ -375,7 +388,7 @@ void Actors::changeFiles(Medium& medium) {
     medium.changes(now);
     const std::string file = someFile(medium);
     const auto seconds = static_cast<std::uint32_t>(1'600'000'000 + random.below(1000));
-    switch (random.below(6)) {
+    switch (random.below(7)) {
     case 0: if (filesIn(medium.makerDirectory()).size() < 14) wrote(someNewClip() + ".mov", clipBytes(seconds, 5)); break;
     case 1: wrote("day.playlist", playlistBytes("day", filesIn(medium.makerDirectory()))); break;
     case 2:
@@ -387,6 +400,11 @@ void Actors::changeFiles(Medium& medium) {
               random.chance(300) ? "{" : playlistBytes("l", {"A01"}));
         break;
     case 4: {
+        const std::string& name = random.oneOf(hostileFileNames());
+        wrote(name, name.ends_with(".mov") ? clipBytes(seconds, 3) : playlistBytes("y", {"A01"}));
+        break;
+    }
+    case 5: {
         if (isDirectory(folder + file) || (_recording.medium == &medium && _recording.file == file)) break;
         const std::string next = someNewClip() + (random.chance(800) ? ".mov" : ".txt");
         if (::rename((folder + file).c_str(), (folder + next).c_str()) != 0) break;

@@ -248,9 +248,13 @@ void Appliance::send(const std::string& datagram) {
     const Temper& temper = _world.temper;
     if (_world.faults && _world.random.chance(temper.announcementLoss)) return;
     const int copies = _world.faults && _world.random.chance(temper.announcementDoubles) ? 2 : 1;
-    for (int i = 0; i < copies; ++i)
-        _world.scheduler.after(_world.random.between(0, temper.announcementDelay),
-                               [this, datagram] { deliver(datagram); });
+    for (int i = 0; i < copies; ++i) {
+        Nanoseconds delay = _world.random.between(0, temper.announcementDelay);
+        // That one overtakes another is a fault like the others.
+        if (!_world.faults) delay = std::max(delay, _lastDelivery - _world.scheduler.now());
+        _lastDelivery = std::max(_lastDelivery, _world.scheduler.now() + delay);
+        _world.scheduler.after(delay, [this, datagram] { deliver(datagram); });
+    }
 }
 
 void Appliance::deliver(const std::string& datagram) {

@@ -164,6 +164,7 @@ private:
     std::vector<Mount> _mounts;
     std::deque<std::string> _announcements;
     std::vector<std::pair<std::string, SlotHardware*>> _vanished; // disks that are gone, for the repetition
+    Nanoseconds _lastDelivery = 0; // of all that have been sent
     std::uint32_t _dropped = 0;
     bool _listening = false;
     std::map<unsigned int, unsigned int> _registers;

@@ -239,6 +239,8 @@ bool Invariants::isTakenForAnother(const Disk& disk) const {
 void Invariants::touchesOffered(const std::string& disk) {
     if (_world.endpoint.isDefiant())
         except(Exception::EndpointThatStays);
+    else if (_staleConfiguration)
+        except(Exception::ConfigurationThatStays);
     else if (announcementsAreUnreliable() && isTakenForAnother(*_world.appliance.disk(disk)))
         except(Exception::NameOfAnotherDisk);
     else
@@ -249,7 +251,7 @@ void Invariants::configures(const std::string& disk, bool copied, Nanoseconds be
     _firewireSteps = true;
     _access = Access::Offered;
     _toldToEnd = false;
-    _wrongDisk = !copied;
+    _wrongDisk = _staleConfiguration = !copied;
     const auto slot = _world.appliance.files().find("/etc/endpoint.conf." + disk);
     if (slot == _world.appliance.files().end()) _world.fail("what is offered was a disk once", disk);
     _accessSlot = eStorageSlotUnknown;
@@ -568,7 +570,7 @@ void Invariants::daemonEnds(bool orderly) {
     if (orderly && _world.endpoint.isRunning() && !_world.endpoint.isDefiant())
         _world.fail("no endpoint is left behind", "the daemon has ended, and it runs");
     _access = Access::None;
-    _wrongDisk = _toldToEnd = _looked = _firewireSteps = false;
+    _wrongDisk = _staleConfiguration = _toldToEnd = _looked = _firewireSteps = false;
     _formatStands = _formatStood = _formatRunning = false;
     _lastRead.clear();
     _requests.clear();

@@ -43,6 +43,7 @@ enum class Exception {
     NameOfAnotherDisk,
     FilesOpenAcrossLives,
     DeletionLeavesDirectory,
+    ConfigurationThatStays,
     Count,
 };
 
@@ -91,6 +92,9 @@ inline constexpr ExceptionText kExceptions[] = {
     {"deletion leaves the directory",
      "a recording setting is read as a deletion request too; its owner may put a path there, and the command line takes every "
      "name as it is"},
+    {"configuration that stays",
+     "where the endpoint's configuration cannot be copied the one before is left, and the endpoint takes that slot's disk: that "
+     "it has it exclusively keeps the recorder off it"},
 };
 static_assert(sizeof kExceptions / sizeof kExceptions[0] == static_cast<std::size_t>(Exception::Count));
 
@@ -237,6 +241,7 @@ private:
     Access _access = Access::None;
     eStorageSlot_t _accessSlot = eStorageSlotUnknown;
     bool _toldToEnd = false;       // the last word to the endpoint; nobody has looked yet whether it did
+    bool _staleConfiguration = false; // it could not be copied
     bool _wrongDisk = false;       // it was started with another slot's configuration
     bool _firewireSteps = false;   // in this pass
     bool _looked = false;          // in this pass, and saw:
