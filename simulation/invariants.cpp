@@ -109,7 +109,10 @@ void Invariants::leavesMakerDirectory(const std::string& name) {
 // ---- Media
 
 void Invariants::removesIn(const std::string& mountPoint, const Mount* mount) {
-    if (mount == nullptr) _world.fail("rm runs only on a mounted medium", mountPoint);
+    if (mount == nullptr) {
+        if (!_madeBelow.contains(mountPoint)) _world.fail("rm runs only on a mounted medium", mountPoint);
+        except(Exception::DeletionBelowMountPoint);
+    }
     const SlotHardware* const slot = selectedSlot();
     if (slot == nullptr || mountPoint != "/mnt/" + slot->name)
         _world.fail("rm runs only in the maker directory of the selected medium", mountPoint);
@@ -208,6 +211,7 @@ void Invariants::repairStarts(const std::string& node) {
 
 void Invariants::writesBelowMountPoint(const std::string& mountPoint) {
     if (!_formatRunning) _world.fail("directories are made on media, not below them", mountPoint);
+    _madeBelow.insert(mountPoint);
     except(Exception::DirectoriesBelowMountPoint);
 }
 
@@ -239,6 +243,8 @@ bool Invariants::isTakenForAnother(const Disk& disk) const {
 void Invariants::touchesOffered(const std::string& disk) {
     if (_world.endpoint.isDefiant())
         except(Exception::EndpointThatStays);
+    else if (_access == Access::Paused)
+        except(Exception::BothLookWhilePaused);
     else if (_staleConfiguration)
         except(Exception::ConfigurationThatStays);
     else if (announcementsAreUnreliable() && isTakenForAnother(*_world.appliance.disk(disk)))

@@ -44,6 +44,8 @@ enum class Exception {
     FilesOpenAcrossLives,
     DeletionLeavesDirectory,
     ConfigurationThatStays,
+    BothLookWhilePaused,
+    DeletionBelowMountPoint,
     Count,
 };
 
@@ -95,6 +97,11 @@ inline constexpr ExceptionText kExceptions[] = {
     {"configuration that stays",
      "where the endpoint's configuration cannot be copied the one before is left, and the endpoint takes that slot's disk: that "
      "it has it exclusively keeps the recorder off it"},
+    {"both look while paused",
+     "while access is paused the endpoint and the recorder both look for the medium: one that comes right behind the endpoint's "
+     "own request is the endpoint's, and that it has it exclusively keeps the recorder off it"},
+    {"deletion below mount point",
+     "a deletion does not ask what is mounted, and finds the empty maker directory that a format has made below the mount point"},
 };
 static_assert(sizeof kExceptions / sizeof kExceptions[0] == static_cast<std::size_t>(Exception::Count));
 
@@ -235,6 +242,7 @@ private:
     // By thread: the integer that it has read, where that was the last thing it did with the store.
     std::map<Scheduler::ThreadId, std::pair<eParam_t, int>> _lastRead;
     bool _otherSlotUnmounted = false;                 // since a path was published
+    std::set<std::string> _madeBelow;                 // mount points below which a format has made directories
     bool _linkFailed = false;                         // the last attempt to make it
     std::map<int, int> _stamps;                       // how often a change was stamped with that second
     enum class Access { None, Offered, Paused };
