@@ -253,7 +253,7 @@ void Invariants::touchesOffered(const std::string& disk) {
         _world.fail("no medium is the recorder's and the endpoint's", "the endpoint has " + disk);
 }
 
-void Invariants::configures(const std::string& disk, bool copied, Nanoseconds begin) {
+void Invariants::configures(const std::string& disk, bool copied) {
     _firewireSteps = true;
     _access = Access::Offered;
     _toldToEnd = false;
@@ -265,9 +265,11 @@ void Invariants::configures(const std::string& disk, bool copied, Nanoseconds be
         if (each.name == slot->second) _accessSlot = each.id;
     // The light that the daemon has just switched on is that of the slot it means.
     if (_world.life != nullptr && _world.life->commandedLED(_accessSlot) != 1) {
-        // Between the release, a moment before, and the copy, which may be slow.
+        // Between the release, in this pass, and the copy, which may be slow.
         const Disk* const named = _world.appliance.disk(disk);
-        const bool justNow = named != nullptr && named->since > begin - 10 * kMillisecond;
+        const bool inPass = named != nullptr && named->since >= _passBegan;
+        const bool justNow = inPass && named->nameBefore != nullptr &&
+                             _world.life->commandedLED(named->nameBefore->id) == 1;
         if (!announcementsAreUnreliable() && !justNow)
             _world.fail("the computer gets the disk of the slot that is shown", slot->second);
         else
@@ -512,6 +514,7 @@ void Invariants::checkPlaylistSegment() {
 
 void Invariants::passEnds() {
     _formatStood = _formatStands;
+    _passBegan = _world.scheduler.now();
     checkPublished();
     checkProgress();
     checkLEDs();

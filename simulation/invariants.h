@@ -157,7 +157,7 @@ public:
     // A tool that would write meets a disk that is the endpoint's: never is one both the recorder's and the endpoint's.
     void touchesOffered(const std::string& disk);
     // The daemon's steps: configures the endpoint, starts it, tells it to end, looks whether it has, resets the bus.
-    void configures(const std::string& disk, bool copied, Nanoseconds begin);
+    void configures(const std::string& disk, bool copied);
     void offers();
     void endsEndpoint();
     void looksForEndpoint();
@@ -244,6 +244,7 @@ private:
     bool _otherSlotUnmounted = false;                 // since a path was published
     std::set<std::string> _madeBelow;                 // mount points below which a format has made directories
     bool _linkFailed = false;                         // the last attempt to make it
+    Nanoseconds _passBegan = 0;
     std::map<int, int> _stamps;                       // how often a change was stamped with that second
     enum class Access { None, Offered, Paused };
     Access _access = Access::None;
