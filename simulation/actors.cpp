@@ -91,7 +91,7 @@ void Actors::makeCards() {
     for (std::uint64_t i = 0; i < count; ++i) {
         const int number = static_cast<int>(i + 1);
         Medium& medium = _world.appliance.media().emplace_back(number, "/tmp/cards/" + std::to_string(number));
-        medium.usedPercent = static_cast<int>(random.below(101));
+        medium.usedPercent = random.chance(100) ? 100 : static_cast<int>(random.below(101));
         medium.volumeName = random.oneOf(volumeNames());
         switch (allGood ? 0 : random.below(12)) {
         case 0: case 1: case 2: case 3: case 4: break;

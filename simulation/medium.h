@@ -49,6 +49,7 @@ public:
     bool writeProtected = false;
     int toolsUntilDeath = -1;    // a dying card stops answering after so many tools; -1 never
     int usedPercent = 20;
+    bool isFull() const { return usedPercent >= 100; } // not even a directory can be made
     std::string volumeName = "007";
     int busy = 0;                // somebody's open files
     bool openAcrossLives = false; // some of them since before this daemon

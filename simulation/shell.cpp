@@ -270,6 +270,7 @@ Shell::Answer Shell::makeDirectories(const std::string& mountPoint) {
     }
     if (mount->dead || mount->readOnly || mount->medium->isDead()) return {kToolFailed, ""};
     _world.invariants.writesTo(*mount);
+    if (mount->medium->isFull()) return {kToolFailed, ""};
     mount->medium->makeMakerDirectory();
     return {};
 }
@@ -285,6 +286,7 @@ Shell::Answer Shell::writeReadme(const std::string& mountPoint) {
         return {kToolFailed, ""};
     else
         _world.invariants.writesTo(*mount);
+    if (mount != nullptr && mount->medium->isFull()) return {kToolFailed, ""};
     writeFile(uploads + "/README.txt", "", _world.scheduler.now());
     return {};
 }
@@ -381,9 +383,14 @@ Shell::Answer Shell::makeFileSystem(const std::string& disk, const std::string& 
         if (medium != nullptr) medium->formatted = false;
         throw;
     }
-    if (!made || !cardAnswers("/dev/" + disk + "2")) return {kToolFailed, ""};
+    if (!cardAnswers("/dev/" + disk + "2")) return {kToolFailed, ""};
     Medium& target = *_world.appliance.partition("/dev/" + disk + "2")->medium;
     if (target.writeProtected || _world.appliance.isMounted(target)) return {kToolFailed, ""};
+    if (!made) {
+        // Before it has written anything, or when what was there is gone.
+        if (_world.random.chance(500)) target.formatted = false;
+        return {kToolFailed, ""};
+    }
     target.format(volumeName);
     return {};
 }
