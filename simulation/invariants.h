@@ -92,14 +92,14 @@ inline constexpr ExceptionText kExceptions[] = {
      "a daemon that is killed forgets that its medium was acquired; the next one unmounts it lazily before it mounts it, "
      "and what is then written to a file that stayed open can go with the device when the medium is released"},
     {"deletion leaves the directory",
-     "a recording setting is read as a deletion request too; its owner may put a path there, and the command line takes every "
-     "name as it is"},
+     "a recording setting is read as a deletion request too; its owner may put a path there, and the command line takes "
+     "every name as it is"},
     {"configuration that stays",
-     "where the endpoint's configuration cannot be copied the one before is left, and the endpoint takes that slot's disk: that "
-     "it has it exclusively keeps the recorder off it"},
+     "where the endpoint's configuration cannot be copied the one before is left, and the endpoint takes that slot's disk: "
+     "that it has it exclusively keeps the recorder off it"},
     {"both look while paused",
-     "while access is paused the endpoint and the recorder both look for the medium: one that comes right behind the endpoint's "
-     "own request is the endpoint's, and that it has it exclusively keeps the recorder off it"},
+     "while access is paused the endpoint and the recorder both look for the medium: one that comes right behind the "
+     "endpoint's own request is the endpoint's, and that it has it exclusively keeps the recorder off it"},
     {"deletion below mount point",
      "a deletion does not ask what is mounted, and finds the empty maker directory that a format has made below the mount point"},
 };
