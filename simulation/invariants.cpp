@@ -179,15 +179,20 @@ void Invariants::formats(const std::string& disk, const char* tool) {
 }
 
 void Invariants::checked(const std::string& node, const Medium& medium) {
-    if (medium.formatted && medium.clean && !medium.damaged) _checkedNodes[node] = medium.name();
+    if (medium.formatted && medium.clean && !medium.damaged) _checkedNodes[node] = serialOf(node);
 }
 
-void Invariants::repaired(const std::string& node, const Medium& medium) { _checkedNodes[node] = medium.name(); }
+void Invariants::repaired(const std::string& node) { _checkedNodes[node] = serialOf(node); }
+
+int Invariants::serialOf(const std::string& node) const {
+    const Disk* const disk = _world.appliance.partition(node);
+    return disk == nullptr ? 0 : disk->serial;
+}
 
 void Invariants::mounts(const std::string& node, const Medium& medium) {
     if (!_checkedNodes.contains(node)) _world.fail("a medium is checked before it is mounted", node);
-    // A medium that was swapped between the check and the mount is the operator's doing.
-    const bool same = _checkedNodes[node] == medium.name();
+    // A medium that was swapped between the check and the mount, also for itself, is the operator's doing.
+    const bool same = _checkedNodes[node] == serialOf(node);
     _checkedNodes.erase(node);
     if (same && !medium.clean && !_world.appliance.isMounted(medium))
         _world.fail("no dirty medium is mounted", node);

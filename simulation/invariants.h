@@ -101,7 +101,8 @@ inline constexpr ExceptionText kExceptions[] = {
      "while access is paused the endpoint and the recorder both look for the medium: one that comes right behind the "
      "endpoint's own request is the endpoint's, and that it has it exclusively keeps the recorder off it"},
     {"deletion below mount point",
-     "a deletion does not ask what is mounted, and finds the empty maker directory that a format has made below the mount point"},
+     "a deletion does not ask what is mounted, and finds the empty maker directory that a format has made below the mount "
+     "point"},
 };
 static_assert(sizeof kExceptions / sizeof kExceptions[0] == static_cast<std::size_t>(Exception::Count));
 
@@ -136,7 +137,7 @@ public:
     void formats(const std::string& disk, const char* tool);
     // A medium is checked before each mount, and never mounted dirty after a check that said so.
     void checked(const std::string& node, const Medium& medium);
-    void repaired(const std::string& node, const Medium& medium);
+    void repaired(const std::string& node);
     void mounts(const std::string& node, const Medium& medium);
     void unmounts(const std::string& mountPoint);
     // A repair runs on what is not mounted.
@@ -215,6 +216,7 @@ private:
     };
 
     bool except(Exception exception);
+    int serialOf(const std::string& node) const;
     void formatBegins(const std::string& what);
     const SlotHardware* selectedSlot() const;
     const Medium* mediumInUse() const;
@@ -238,7 +240,7 @@ private:
     bool _formatStands = false;
     bool _formatStood = false;
     bool _formatRunning = false;
-    std::map<std::string, std::string> _checkedNodes; // node: medium and how
+    std::map<std::string, int> _checkedNodes; // node and the serial number of its disk
     // By thread: the integer that it has read, where that was the last thing it did with the store.
     std::map<Scheduler::ThreadId, std::pair<eParam_t, int>> _lastRead;
     bool _otherSlotUnmounted = false;                 // since a path was published

@@ -233,7 +233,7 @@ Shell::Answer Shell::repair(const std::string& node) {
     Medium& medium = *_world.appliance.partition(node)->medium;
     if (!medium.formatted || medium.damaged || (!medium.clean && !medium.repairable)) return {8, ""};
     if (!_world.appliance.isMounted(medium)) medium.clean = true;
-    _world.invariants.repaired(node, medium);
+    _world.invariants.repaired(node);
     return {};
 }
 
