@@ -4,8 +4,12 @@
 
 #include "classes/diagnostics/diagnostics.h"
 #include "classes/semaphore/semaphore_helper.h"
+#include "clip_finder.h"
 #include "daemonizer.h"
+#include "media/media_cache.h"
+#include "media_manager/cache_failure.h"
 #include "parameters.h"
+#include "shared_segment.h"
 
 namespace {
 
@@ -56,6 +60,15 @@ void MediaManager::clearLeftovers() {
     std::string name;
     _config->getString(kParamVolumeName, name);
     if (!name.empty() && name != kNotAvailable) _config->setString(kParamVolumeName, kNotAvailable);
+    // Nothing is in use, and a daemon that was killed may have left an index half written. What was never made is not made
+    // here.
+    if (nevo::media::readClips(nevo::media::kCachePrefix, 0).state == nevo::media::SegmentState::Absent) return;
+    try {
+        const nevo::media::MediaCache cache(nevo::media::kCachePrefix);
+        ClipFinder(_config).flushAll();
+    } catch (const std::exception& failure) {
+        reportCacheFailure("clearLeftovers", failure);
+    }
 }
 
 int MediaManager::init() {

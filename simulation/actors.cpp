@@ -367,7 +367,7 @@ void Actors::endRecording() {
     _world.note([&] { return "engine ends " + _recording.file + (reached ? "" : ", which is lost"); });
     if (reached) {
         setFileTime(path, _world.scheduler.now());
-        medium.made(_recording.file, _world.scheduler.now());
+        medium.made(_recording.file);
         _world.appliance.fileEvent(medium, _recording.file, IN_CLOSE_WRITE);
     }
     _recording = {};
@@ -381,7 +381,7 @@ void Actors::changeFiles(Medium& medium) {
     const Nanoseconds now = _world.scheduler.now();
     const auto wrote = [&](const std::string& name, const std::string& bytes) {
         writeFile(folder + name, bytes, now);
-        medium.made(name, now);
+        medium.made(name);
         _world.note([&] { return "web interface writes " + name + " on " + medium.name(); });
         _world.appliance.fileEvent(medium, name, IN_CLOSE_WRITE);
     };
@@ -409,7 +409,7 @@ void Actors::changeFiles(Medium& medium) {
         const std::string next = someNewClip() + (random.chance(800) ? ".mov" : ".txt");
         if (::rename((folder + file).c_str(), (folder + next).c_str()) != 0) break;
         medium.renamedAway.insert(file.substr(0, file.rfind('.')));
-        medium.made(next, now);
+        medium.made(next);
         _world.note([&] { return "web interface renames " + file + " to " + next; });
         _world.appliance.fileEvent(medium, file, IN_MOVED_FROM);
         _world.appliance.fileEvent(medium, next, IN_MOVED_TO);

@@ -192,7 +192,7 @@ void Endpoint::act() {
         const std::string name = "Host" + std::to_string(++_written % 20) + ".mov";
         writeFile(disk->makerDirectory() + "/" + name,
                   clipBytes(static_cast<std::uint32_t>(1'600'000'000 + random.below(1000)), 3), _world.scheduler.now());
-        disk->made(name, _world.scheduler.now());
+        disk->made(name);
         _world.note([&] { return "computer writes " + name + " on " + disk->name(); });
         break;
     }

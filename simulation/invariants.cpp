@@ -400,9 +400,6 @@ void Invariants::parameterWritten(eParam_t id, int value) {
         else
             formatBegins("progress " + std::to_string(value));
         break;
-    case kParamMediaChangedTime:
-        ++_stamps[value];
-        break;
     default:
         break;
     }
@@ -656,15 +653,12 @@ void Invariants::checkInUse(const SlotHardware& slot) {
     // The clips of the medium, by what their files are called: when they were made, and how long they are.
     using Clips = std::map<std::string, std::pair<std::int32_t, std::uint32_t>>;
     Clips files;
-    std::map<std::string, std::string> unusable; // clip and file
     for (const std::string& file : filesIn(medium.makerDirectory())) {
         const std::string full = path + "/" + file;
         Clip clip{};
         const bool isClip = full.find(".mov") != std::string::npos || full.find(".MOV") != std::string::npos;
         if (isClip && nevo::media::ClipExaminer::GrokClip(clip, medium.makerDirectory() + "/" + file, false))
             files[nevo::media::fieldText(clip.name)] = {clip.time, clip.frames};
-        else if (isClip)
-            unusable[nevo::media::ClipExaminer::clipName(file)] = file;
     }
     Clips clips;
     if (map(_clips, kClipSegment, kClipMutex, nevo::media::kClipSegmentSize) &&
@@ -676,13 +670,6 @@ void Invariants::checkInUse(const SlotHardware& slot) {
                                                       numberAt<std::uint32_t>(record + offsetof(Clip, frames))};
         }
     }
-    // One stamp of the second in which the file became unusable may have been followed up before it did.
-    const auto stampedTwice = [&](const std::string& file) {
-        const auto changed = medium.changedIn.find(file);
-        if (changed == medium.changedIn.end()) return false;
-        const auto stamps = _stamps.find(static_cast<int>(_world.time() - _world.scheduler.now() / kSecond + changed->second));
-        return stamps != _stamps.end() && stamps->second > 1;
-    };
     std::string difference;
     for (const auto& [each, facts] : files) {
         const auto listed = clips.find(each);
@@ -695,8 +682,6 @@ void Invariants::checkInUse(const SlotHardware& slot) {
         if (files.contains(each)) continue;
         if (medium.renamedAway.contains(each))
             except(Exception::ClipRenamedAway);
-        else if (unusable.contains(each) && stampedTwice(unusable[each]))
-            except(Exception::TwoChangesInASecond);
         else
             difference += " gone \"" + each + "\"";
     }

@@ -38,7 +38,6 @@ enum class Exception {
     SecondMediumOffTheBus,
     ClipRenamedAway,
     SelectedWithoutDevice,
-    TwoChangesInASecond,
     EndpointThatStays,
     NameOfAnotherDisk,
     FilesOpenAcrossLives,
@@ -79,9 +78,6 @@ inline constexpr ExceptionText kExceptions[] = {
     {"selected without device",
      "where the announcement of a removal is lost or comes late, a slot is selected by the name of a device that is gone, "
      "and stays so until its medium or the selection changes: nothing probes for it"},
-    {"two changes in a second",
-     "the stamp of a change counts seconds: a clip that becomes unusable in the second of another change stays listed until "
-     "something asks for a refresh"},
     {"endpoint that stays",
      "an endpoint that does not end when it is told to is left to itself: that it has its disk exclusively keeps the "
      "recorder off it"},
@@ -247,7 +243,6 @@ private:
     std::set<std::string> _madeBelow;                 // mount points below which a format has made directories
     bool _linkFailed = false;                         // the last attempt to make it
     Nanoseconds _passBegan = 0;
-    std::map<int, int> _stamps;                       // how often a change was stamped with that second
     enum class Access { None, Offered, Paused };
     Access _access = Access::None;
     eStorageSlot_t _accessSlot = eStorageSlotUnknown;

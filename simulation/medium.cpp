@@ -48,7 +48,6 @@ void Medium::format(const std::string& name) {
     usedPercent = 1;
     volumeName = name;
     renamedAway.clear();
-    changedIn.clear();
     synced();
 }
 
@@ -56,9 +55,8 @@ void Medium::changes(Nanoseconds now) {
     if (!leaves && !hasUnwritten(now)) unwrittenSince = now;
 }
 
-void Medium::made(const std::string& file, Nanoseconds now) {
+void Medium::made(const std::string& file) {
     renamedAway.erase(file.substr(0, file.rfind('.')));
-    changedIn[file] = now / kSecond;
 }
 
 void Medium::closed() {

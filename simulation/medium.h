@@ -30,7 +30,7 @@ public:
     // Somebody changes a file, and later closes the last one that was open.
     void changes(Nanoseconds now);
     // A file of that name is there with new contents.
-    void made(const std::string& file, Nanoseconds now);
+    void made(const std::string& file);
     void closed();
     void synced() { unwrittenSince = -1; }
     // Whether something would be lost with its disk. The kernel leaves nothing in memory for long.
@@ -58,7 +58,6 @@ public:
     Nanoseconds unwrittenSince = -1;
     bool leaves = false;         // synced to be taken off the bus: what is written from now on, nobody can save
     std::set<std::string> renamedAway; // names of clips that nobody has made anew
-    std::map<std::string, std::int64_t> changedIn; // second in which a file was made or changed last
 
     bool isDead() const { return toolsUntilDeath == 0; }
 

@@ -1,14 +1,24 @@
 // What goes wrong around the daemon, and is made good: a life that was cut off, pins that bounce or come late, cards that
 // are swapped, announcements that never come, media that stay mounted.
 
-#include <algorithm>
+#include <unistd.h>
 
+#include <algorithm>
+#include <filesystem>
+
+#include "media/media_cache.h"
+#include "tests/media/clip_files.h"
 #include "tests/media_manager/manager_test.h"
 
 namespace {
 
 class RecoveryTest : public ManagerTest {
 protected:
+    RecoveryTest() {
+        for (const char* name : {clipfiles::kClipSegment, clipfiles::kPlaylistSegment, clipfiles::kClipMutex,
+                                 clipfiles::kPlaylistMutex})
+            std::filesystem::remove_all(name);
+    }
     // From here on deleting a disk makes the kernel announce its end, and a probe of the slot's bus makes it find `device`.
     void busAnswers(const Place& place, const std::string& old, const std::string& device) {
         os.onSystem = [this, place, old, device](const std::string& line) {
@@ -89,6 +99,23 @@ TEST_F(RecoveryTest, whatIsShownOfAPulledMediumIsTakenBack) {
     effects();
     manager->clearLeftovers();
     EXPECT_EQ(effectsOf("set "), Lines{});
+}
+
+// It may have died while it wrote it.
+TEST_F(RecoveryTest, indexOfAKilledDaemonIsEmptied) {
+    makeManager();
+    { const nevo::media::MediaCache made(nevo::media::kCachePrefix); }
+    effects();
+    manager->clearLeftovers();
+    EXPECT_EQ(effectsOf("clips"), Lines{"clips flushAll"});
+}
+
+TEST_F(RecoveryTest, indexThatIsNotThereIsNotMade) {
+    makeManager();
+    effects();
+    manager->clearLeftovers();
+    EXPECT_EQ(effectsOf("clips"), Lines{});
+    EXPECT_NE(::access(clipfiles::kClipSegment, F_OK), 0);
 }
 
 TEST_F(RecoveryTest, cleanStoreIsNotWritten) {
