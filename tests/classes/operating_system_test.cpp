@@ -118,7 +118,7 @@ TEST(ProcessTest, whereNobodyCanLookSomethingRuns) {
     rlimit before{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
     rlimit none = before;
-    for (const rlim_t left : {0, 1}) { // for the directory, for what is in it
+    for (const rlim_t left : {0U, 1U}) { // for the directory, for what is in it
         const int next = ::dup(0);
         ASSERT_NE(next, -1);
         ::close(next);
