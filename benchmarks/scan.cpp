@@ -74,7 +74,7 @@ int openAndRead(int count) {
     const auto names = listDirectory(kFolder);
     for (const std::string& name : names.value_or(std::vector<std::string>{})) {
         const std::string path = std::string(kFolder) + "/" + name;
-        if (!isClipPath(path)) continue;
+        if (!nevo::media::ClipExaminer::isClipPath(path)) continue;
         const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
         struct stat status;
         if (file == -1 || ::fstat(file, &status) == -1) continue;

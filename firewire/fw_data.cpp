@@ -128,6 +128,12 @@ int FwData::startFirewireAccess(eStorageSlot_t slot) {
     if (_manager->attemptSlotChange(eStorageSlotUnknown) != 0) {
         // A resume is tried on every pass, and says so once.
         if (!_active || !_resumeRefused) reportStart(": The recorder could not let go of the medium.");
+        // The medium is back, and an endpoint that waits for its disk would take it now: from there a computer would be cut
+        // off by the start that is still to come.
+        if (_active && _endpointState == EndpointState::Started) {
+            stopEndpointApp();
+            _endpointState = EndpointState::Idle;
+        }
         _resumeRefused = _active;
         return -1;
     }
@@ -243,7 +249,7 @@ bool FwData::watchHost() {
     if (_endpointState == EndpointState::Idle) return false;
     // While nobody takes the disk, a fresh endpoint announces it again and again. It looks odd that this goes on while
     // access is paused, with an endpoint that has no disk; what keeps that one from a medium that the recorder may be
-    // looking at is that it opens its disk exclusively.
+    // looking at is that it opens its disk exclusively. Once a resume has been refused, none is started until one is not.
     if (_os.steadyTime() - _endpointStartTime < kRestartPeriod) return false;
     _manager->setLED(_fwdataSlot, eStorageLEDOn);
     stopEndpointApp();

@@ -66,6 +66,7 @@ void MediaManager::clearLeftovers() {
     try {
         const nevo::media::MediaCache cache(nevo::media::kCachePrefix);
         ClipFinder(_config).flushAll();
+        stampMediaChange();
     } catch (const std::exception& failure) {
         reportCacheFailure("clearLeftovers", failure);
     }

@@ -100,7 +100,8 @@ public:
 
     // Before init: takes back what the daemon before has left standing in the store. Of one that was killed, the path of the
     // medium in use, the progress of a format, the loading of a medium; of a medium that was pulled, its name and the alarms
-    // that it is damaged or not formatted. Nobody else would. Writes only what does stand.
+    // that it is damaged or not formatted. Nobody else would. Writes only what does stand. Empties the shared index where
+    // there is one; waits for each of its locks that a dead daemon still holds, ten seconds at most.
     void clearLeftovers();
     // Start-up, until the first medium has been tried. Returns 0. Does not return while the board's driver scan fails.
     int init();
@@ -227,7 +228,7 @@ public:
     int displayVolumeName(eStorageSlot_t slot);
     static void replaceControlChars(char* text);
     // Makes the maker directory and what belongs into it: mkdir's status, whatever becomes of the file in it; -1, with nothing
-    // made, when something there is a link.
+    // made, when the maker directory or .uploads is a link.
     int configureDirectories(eStorageSlot_t slot);
     // The maker directory, or empty for the unknown slot.
     std::string getStoragePath(eStorageSlot_t slot);
@@ -311,6 +312,8 @@ private:
     bool isAwaitedOverFirewire(eStorageSlot_t slot);
     // After a controller that could not reset the bus has thrown: one line, and the slot back to the recorder.
     void abandonFirewireAccess();
+    // Writes the time to kParamMediaChangedTime.
+    void stampMediaChange();
     // A file was closed or moved in, a file was deleted; whether the media changed by that.
     bool fileArrived(nevo::media::MediaCache& cache, const std::string& path);
     bool fileDeleted(nevo::media::MediaCache& cache, ClipFinder& finder, const std::string& path);

@@ -27,7 +27,8 @@ constexpr std::uint32_t kWatchedEvents =
     IN_CLOSE_WRITE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF;
 static_assert(kWatchedEvents == 0xec8);
 
-// One read takes every pending event, unless 16,384 of the longest names are pending: the rest waits for the next pass.
+// One read takes every pending event, unless more than 15,480 of the longest names are pending: the rest waits for the next
+// pass.
 constexpr std::size_t kEventBufferSize = 0x404000;
 
 constexpr char kDirectoryItself[] = "PATH"; // the name of an event that carries none
@@ -130,7 +131,10 @@ void MediaManager::checkMediaEvents() {
     } catch (const std::exception& failure) {
         reportCacheFailure("checkMediaEvents", failure);
     }
-    if (!changed) return;
+    if (changed) stampMediaChange();
+}
+
+void MediaManager::stampMediaChange() {
     const int stamp = static_cast<int>(_os.time());
     // The second change within a second has no stamp of its own that would be seen.
     if (stamp == _lastMediaTimeSeen) _cacheRefreshRequested = true;

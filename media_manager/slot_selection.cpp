@@ -164,7 +164,7 @@ void MediaManager::activateSlot(eStorageSlot_t slot) {
         reportCacheFailure("activateSlot", failure);
     }
     unmountSlot(slot, false, false);
-    _config->setInteger(kParamMediaChangedTime, static_cast<int>(_os.time()));
+    stampMediaChange();
 }
 
 int MediaManager::deselectSlot() {
@@ -181,7 +181,7 @@ int MediaManager::deselectSlot() {
         reportCacheFailure("deselectSlot", failure);
     }
     _config->setString(kParamPlaylistName, "");
-    _config->setInteger(kParamMediaChangedTime, static_cast<int>(_os.time()));
+    stampMediaChange();
 
     if (current != eStorageSlotUnknown && !record.isPresent()) setSelectedSlot(eStorageSlotUnknown);
 

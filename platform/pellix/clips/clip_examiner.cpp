@@ -25,13 +25,4 @@ bool ClipExaminer::GrokClip(Clip& clip, std::string path, bool /*option*/) {
     return usable;
 }
 
-bool ClipExaminer::isClipPath(const std::string& path) {
-    return path.find(".mov") != std::string::npos || path.find(".MOV") != std::string::npos;
-}
-
-std::string ClipExaminer::clipName(const std::string& path) {
-    const std::string file = path.substr(path.rfind('/') + 1); // npos + 1 is 0
-    return file.substr(0, file.rfind('.'));
-}
-
 } // namespace nevo::media

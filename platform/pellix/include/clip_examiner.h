@@ -18,10 +18,15 @@ public:
 
     // Whether a file is a clip by its path: ".mov" or ".MOV" anywhere in it, for what a clip is called while it is uploaded has
     // more behind it.
-    static bool isClipPath(const std::string& path);
+    static bool isClipPath(const std::string& path) {
+        return path.find(".mov") != std::string::npos || path.find(".MOV") != std::string::npos;
+    }
 
     // The name that a clip file's record has: the file's name up to its last ".".
-    static std::string clipName(const std::string& path);
+    static std::string clipName(const std::string& path) {
+        const std::string file = path.substr(path.rfind('/') + 1); // npos + 1 is 0
+        return file.substr(0, file.rfind('.'));
+    }
 };
 
 } // namespace nevo::media

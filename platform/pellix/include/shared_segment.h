@@ -69,7 +69,7 @@ inline std::list<Clip> clipsOf(const std::byte* segment, bool& written) {
     return clips;
 }
 
-// Called before each record and each front that is written, here and where records are edited in place, with the lock held,
+// Called before each record that is written, and where records are edited in place before the front, too, with the lock held,
 // and told which segment it is: simulation lets a daemon die there.
 inline void (*beforeRecord)(const char* magic) = nullptr;
 
